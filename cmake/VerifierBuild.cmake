@@ -1,0 +1,36 @@
+# Warnings, sanitizers and small helpers shared by every target.
+
+add_library(verifier_warnings INTERFACE)
+target_compile_options(verifier_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>)
+if(VERIFIER_WERROR)
+  target_compile_options(verifier_warnings INTERFACE -Werror)
+endif()
+
+if(VERIFIER_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(VERIFIER_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT VERIFIER_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "VERIFIER_SANITIZE must be '', 'address' or 'thread'")
+endif()
+
+include(GoogleTest OPTIONAL)
+
+# verifier_test(NAME SOURCES src... LIBS lib... [LABELS l...] [TIMEOUT s])
+# One GoogleTest executable registered as one ctest case per test.
+function(verifier_test name)
+  cmake_parse_arguments(T "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  add_executable(${name} ${T_SOURCES})
+  target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main verifier_warnings)
+  if(NOT T_TIMEOUT)
+    set(T_TIMEOUT 120)
+  endif()
+  gtest_discover_tests(${name}
+    DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT ${T_TIMEOUT} LABELS "${T_LABELS}"
+               ENVIRONMENT "VERIFIER_BUILD_DIR=${CMAKE_BINARY_DIR};VERIFIER_SOURCE_DIR=${CMAKE_SOURCE_DIR}")
+endfunction()
