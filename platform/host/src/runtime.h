@@ -1,0 +1,52 @@
+// Runtime directory, names and small file helpers shared by the host platform.
+#ifndef NOS_HOST_RUNTIME_H
+#define NOS_HOST_RUNTIME_H
+
+#include <nos/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace nos_host {
+
+// Where the runtime directory is taken from: NOS_RUNTIME_DIR when set and not
+// empty, else ${TMPDIR:-/tmp}/nos-<uid>.
+std::string RuntimeDirFromEnvironment();
+
+// Creates `dir` (and missing parents) with mode 0700 when absent. The default
+// per-user directory must be a real directory owned by this user and closed
+// to others; a directory named by NOS_RUNTIME_DIR need only be a directory.
+// Returns NK_EOK or NK_EINVAL.
+Retcode EnsureRuntimeDir(const std::string& dir, bool strictOwnership);
+
+// The runtime directory of the environment, created when needed; empty when
+// it cannot be used (the reason is logged).
+std::string CurrentRuntimeDir();
+
+// A channel or service name usable as a file name in the runtime directory:
+// 1 to 200 bytes, no '/', no blank or control character, not "." or "..".
+bool IsValidName(std::string_view name);
+// An endpoint name: 1 to 200 bytes, no blank or control character.
+bool IsValidEndpointName(std::string_view name);
+
+// Writes `content` to `path` through a temporary file and a rename, so that a
+// reader sees the old file or the new one, never a part.
+bool WriteFileAtomically(const std::string& path, std::string_view content);
+
+// Reads a whole regular file of at most `maxBytes` bytes.
+std::optional<std::string> ReadSmallFile(const std::string& path, size_t maxBytes);
+
+// NOS_CALL_TIMEOUT_MS: absent, empty or not a positive number means no limit.
+std::optional<std::chrono::milliseconds> CallTimeoutFromEnvironment();
+
+uint64_t MonotonicNs();
+
+// One line on the platform log under the logger name "nos-host".
+void HostLog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+}  // namespace nos_host
+
+#endif

@@ -1,0 +1,81 @@
+// Frames over SOCK_SEQPACKET sockets: sending, peeking and reading them with
+// deadlines. All sockets of the host platform are non-blocking; waiting is
+// done with poll so that every wait has a bound or a wake-up.
+#ifndef NOS_HOST_WIRE_H
+#define NOS_HOST_WIRE_H
+
+#include "nos_host/frame.h"
+
+#include <chrono>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace nos_host {
+
+using Clock = std::chrono::steady_clock;
+// No value: wait without limit.
+using Deadline = std::optional<Clock::time_point>;
+
+// Longest pause allowed inside one frame, between two of its packets (or
+// while a peer is expected to take a reply). A peer slower than this is
+// treated as broken.
+inline constexpr std::chrono::seconds kStallLimit{10};
+
+enum class IoResult {
+    Ok,
+    Closed,     // the peer closed or reset the connection
+    TimedOut,   // the caller's deadline passed
+    Stalled,    // the peer stopped in the middle of a frame
+    Malformed,  // the peer sent bytes that are not a valid frame
+    Failed,     // a local error
+};
+
+Deadline DeadlineAfter(std::optional<std::chrono::milliseconds> timeout);
+Deadline EarlierOf(Deadline a, Deadline b);
+
+// Sets generous buffer sizes, so that large arenas move in few wake-ups.
+void TuneSocket(int fd);
+
+// Waits until `fd` reports `events`, an error or a hang-up.
+IoResult WaitFd(int fd, short events, Deadline deadline);
+
+// Sends one frame. The header's lengths and send time are filled here from
+// the spans; its kind and sequence are the caller's. With `stallBounded`
+// the peer must take each packet within kStallLimit (Stalled otherwise).
+IoResult SendFrame(int fd, FrameHeader header, std::span<const uint8_t> message, std::span<const uint8_t> arena,
+                   Deadline deadline, bool stallBounded);
+
+enum class PeekResult { Frame, Empty, Closed, Malformed };
+// Looks at the header of the next frame without taking it; never blocks.
+PeekResult PeekFrameHeader(int fd, FrameHeader& out);
+
+// Takes the first packet of the next frame into `packet` and validates its
+// header.
+IoResult ReadFirstPacket(int fd, std::vector<uint8_t>& packet, FrameHeader& header, Deadline deadline);
+
+// Takes the rest of the frame whose first packet is `packet`. Payload bytes
+// [0, messageLength) go to `message` and the following arenaLength bytes to
+// `arena`; both spans must be exactly that long. With `discard` the payload
+// is read and thrown away, and the spans are not used.
+IoResult ReadRestOfFrame(int fd, const FrameHeader& header, std::span<const uint8_t> packet, std::span<uint8_t> message,
+                         std::span<uint8_t> arena, bool discard, Deadline deadline);
+
+}  // namespace nos_host
+
+#endif
+
+namespace nos_host {
+
+// Whether `path` fits a Unix socket address.
+bool FitsSocketAddress(const std::string& path);
+// A non-blocking SOCK_SEQPACKET socket connected to `path`; -1 with errno set
+// on failure. Connecting waits at most kStallLimit for room in the backlog.
+int ConnectSeqpacket(const std::string& path);
+// A non-blocking SOCK_SEQPACKET socket bound to `path`, not yet listening;
+// -1 with errno set on failure. A stale socket file is replaced, a live one
+// (somebody accepts connections on it) is not: EADDRINUSE.
+int BindSeqpacket(const std::string& path);
+
+}  // namespace nos_host
