@@ -7,55 +7,10 @@
 #include <spdlog/sinks/ostream_sink.h>
 
 #include "checker_fixture.h"
+#include "wire_requests.h"
 
 namespace signature_verifier::host::testing {
 namespace {
-
-// A request as the transport hands it over: the message, and an arena whose
-// received bytes are [start, current) inside a larger capacity.
-struct Request {
-    nv_SignatureVerifier_req message{};
-    ByteVector buffer = ByteVector(4096 + 1024, 0);
-    nk_arena arena{buffer.data(), buffer.data(), buffer.data() + buffer.size()};
-
-    Request(std::uint16_t mid, std::uint32_t size)
-    {
-        message.base.mid = mid;
-        nk_msg_set_size(&message.base, size);
-    }
-
-    nk_arena_desc Store(const ByteVector& bytes)
-    {
-        nk_arena_desc desc{};
-        EXPECT_EQ(nk_arena_store(&arena, &desc, bytes.data(), bytes.size()), NK_EOK);
-        return desc;
-    }
-};
-
-Request CheckBuffer(const ByteVector& data, const ByteVector& signature)
-{
-    Request r(nv_SignatureVerifier_CheckBuffer_mid, sizeof(nv_SignatureVerifier_CheckBuffer_req));
-    r.message.check_buffer.data = r.Store(data);
-    r.message.check_buffer.signature = r.Store(signature);
-    return r;
-}
-
-Request CheckHash(std::uint8_t algorithm, const ByteVector& hash, const ByteVector& signature)
-{
-    Request r(nv_SignatureVerifier_CheckHash_mid, sizeof(nv_SignatureVerifier_CheckHash_req));
-    r.message.check_hash.algorithm = algorithm;
-    r.message.check_hash.hash = r.Store(hash);
-    r.message.check_hash.signature = r.Store(signature);
-    return r;
-}
-
-Request OneBlob(std::uint16_t mid, const ByteVector& blob)
-{
-    Request r(mid, 32);
-    // The three one-blob requests share the layout: header, then one descriptor.
-    r.message.set_crl_blob.crl = r.Store(blob);
-    return r;
-}
 
 // The reply as raw bytes, read at the wire offsets.
 struct WireReply {
@@ -96,7 +51,7 @@ protected:
 
     // Handles the request into a reply full of junk, so that every byte left
     // unwritten shows.
-    WireReply Answer(const Request& r, std::uint32_t expectedCode)
+    WireReply Answer(const WireRequest& r, std::uint32_t expectedCode)
     {
         nv_SignatureVerifier_res reply;
         std::memset(&reply, 0xAA, sizeof reply);
@@ -121,12 +76,12 @@ TEST_F(RequestHandlerTest, Handle_Checks_ReplyCarriesOutcome)
 {
     ByteVector other = fx.data;
     other[0] ^= 1;
-    Answer(CheckBuffer(fx.data, fx.goodSignature), NV_SIGNATURE_VERIFIER_CC_OK);
-    Answer(CheckBuffer(other, fx.goodSignature), NV_SIGNATURE_VERIFIER_CC_INVALID_SIGNATURE);
-    Answer(CheckHash(1, Streebog256(fx.data), fx.goodSignature), NV_SIGNATURE_VERIFIER_CC_OK);
-    Answer(CheckHash(1, Streebog256(other), fx.goodSignature), NV_SIGNATURE_VERIFIER_CC_INVALID_SIGNATURE);
-    Answer(CheckHash(7, Streebog256(fx.data), fx.goodSignature), NV_SIGNATURE_VERIFIER_CC_UNSUPPORTED_ALGORITHM);
-    Answer(CheckHash(1, ByteVector(48, 1), fx.goodSignature), NV_SIGNATURE_VERIFIER_CC_INVALID_HASH_SIZE);
+    Answer(CheckBufferRequest(fx.data, fx.goodSignature), NV_SIGNATURE_VERIFIER_CC_OK);
+    Answer(CheckBufferRequest(other, fx.goodSignature), NV_SIGNATURE_VERIFIER_CC_INVALID_SIGNATURE);
+    Answer(CheckHashRequest(1, Streebog256(fx.data), fx.goodSignature), NV_SIGNATURE_VERIFIER_CC_OK);
+    Answer(CheckHashRequest(1, Streebog256(other), fx.goodSignature), NV_SIGNATURE_VERIFIER_CC_INVALID_SIGNATURE);
+    Answer(CheckHashRequest(7, Streebog256(fx.data), fx.goodSignature), NV_SIGNATURE_VERIFIER_CC_UNSUPPORTED_ALGORITHM);
+    Answer(CheckHashRequest(1, ByteVector(48, 1), fx.goodSignature), NV_SIGNATURE_VERIFIER_CC_INVALID_HASH_SIZE);
     EXPECT_EQ(log.str(), "info CheckBuffer: passed\n"
                          "warning CheckBuffer (mid 0): refused with code 1: the message digest does not match the data\n"
                          "info CheckHash: passed\n"
@@ -137,23 +92,23 @@ TEST_F(RequestHandlerTest, Handle_Checks_ReplyCarriesOutcome)
 
 TEST_F(RequestHandlerTest, Handle_TrustStoreRequests)
 {
-    Answer(OneBlob(nv_SignatureVerifier_AddRootCertificate_mid, ToBytes("junk")),
+    Answer(OneBlobRequest(nv_SignatureVerifier_AddRootCertificate_mid, ToBytes("junk")),
            NV_SIGNATURE_VERIFIER_CC_MALFORMED_CERTIFICATE);
-    Answer(OneBlob(nv_SignatureVerifier_AddRootCertificate_mid, fx.pki.Der("wrong-root-ca")),
+    Answer(OneBlobRequest(nv_SignatureVerifier_AddRootCertificate_mid, fx.pki.Der("wrong-root-ca")),
            NV_SIGNATURE_VERIFIER_CC_OK);
-    Answer(OneBlob(nv_SignatureVerifier_SetCRLBlob_mid, ToBytes("junk")), NV_SIGNATURE_VERIFIER_CC_MALFORMED_CRL);
-    Answer(OneBlob(nv_SignatureVerifier_SetCRLBlob_mid, {}), NV_SIGNATURE_VERIFIER_CC_OK);
-    Answer(OneBlob(nv_SignatureVerifier_RevokeRootCertificate_mid, ByteVector(31, 0)),
+    Answer(OneBlobRequest(nv_SignatureVerifier_SetCRLBlob_mid, ToBytes("junk")), NV_SIGNATURE_VERIFIER_CC_MALFORMED_CRL);
+    Answer(OneBlobRequest(nv_SignatureVerifier_SetCRLBlob_mid, {}), NV_SIGNATURE_VERIFIER_CC_OK);
+    Answer(OneBlobRequest(nv_SignatureVerifier_RevokeRootCertificate_mid, ByteVector(31, 0)),
            NV_SIGNATURE_VERIFIER_CC_MALFORMED_REQUEST);
 
-    Answer(OneBlob(nv_SignatureVerifier_RevokeRootCertificate_mid, Sha256(fx.pki.Der("root-ca"))),
+    Answer(OneBlobRequest(nv_SignatureVerifier_RevokeRootCertificate_mid, Sha256(fx.pki.Der("root-ca"))),
            NV_SIGNATURE_VERIFIER_CC_OK);
-    Answer(CheckBuffer(fx.data, fx.goodSignature), NV_SIGNATURE_VERIFIER_CC_REVOKED);
+    Answer(CheckBufferRequest(fx.data, fx.goodSignature), NV_SIGNATURE_VERIFIER_CC_REVOKED);
 }
 
 struct MalformedCase {
     const char* name;
-    Request request;
+    WireRequest request;
     std::string detail; // expected log text, "" when not asserted
 };
 
@@ -161,53 +116,53 @@ TEST_F(RequestHandlerTest, Handle_MalformedRequests_RefusedAndServingGoesOn)
 {
     const ByteVector hash = Streebog256(fx.data);
     std::vector<MalformedCase> cases;
-    auto add = [&](const char* name, Request r, std::string detail) { cases.push_back({name, std::move(r), detail}); };
+    auto add = [&](const char* name, WireRequest r, std::string detail) { cases.push_back({name, std::move(r), detail}); };
 
-    Request r = CheckBuffer(fx.data, fx.goodSignature);
+    WireRequest r = CheckBufferRequest(fx.data, fx.goodSignature);
     r.message.base.riid = 1;
     add("other interface", r, "interface 1 is not served here");
-    r = CheckBuffer(fx.data, fx.goodSignature);
+    r = CheckBufferRequest(fx.data, fx.goodSignature);
     r.message.base.mid = 5;
     add("method 5", r, "method 5 does not exist");
     r.message.base.mid = 0xFFFF;
     add("method 0xFFFF", r, "method 65535 does not exist");
-    r = CheckBuffer(fx.data, fx.goodSignature);
+    r = CheckBufferRequest(fx.data, fx.goodSignature);
     nk_msg_set_size(&r.message.base, 39);
     add("short CheckBuffer", r, "a request of 39 bytes, expected 40");
     nk_msg_set_size(&r.message.base, 48);
     add("long CheckBuffer", r, "a request of 48 bytes, expected 40");
-    r = CheckHash(1, hash, fx.goodSignature);
+    r = CheckHashRequest(1, hash, fx.goodSignature);
     nk_msg_set_size(&r.message.base, 40);
     add("short CheckHash", r, "a request of 40 bytes, expected 48");
-    r = OneBlob(nv_SignatureVerifier_SetCRLBlob_mid, {});
+    r = OneBlobRequest(nv_SignatureVerifier_SetCRLBlob_mid, {});
     nk_msg_set_size(&r.message.base, 0);
     add("empty SetCRLBlob", r, "a request of 0 bytes, expected 32");
 
     const auto used = static_cast<std::uint32_t>(fx.data.size() + fx.goodSignature.size());
-    r = CheckBuffer(fx.data, fx.goodSignature);
+    r = CheckBufferRequest(fx.data, fx.goodSignature);
     r.message.check_buffer.signature.size += 1;
     add("signature past the received bytes", r, "");
-    r = CheckBuffer(fx.data, fx.goodSignature);
+    r = CheckBufferRequest(fx.data, fx.goodSignature);
     r.message.check_buffer.data = {used, 1};
     add("data right behind the received bytes", r, "data (" + std::to_string(used) + ", 1) lies outside the " + std::to_string(used) + " bytes of the arena");
-    r = CheckBuffer(fx.data, fx.goodSignature);
+    r = CheckBufferRequest(fx.data, fx.goodSignature);
     r.message.check_buffer.data = {0xFFFFFFFFu, 2};
     add("offset wrapping around", r, "data (4294967295, 2) lies outside the " + std::to_string(used) + " bytes of the arena");
-    r = CheckBuffer(fx.data, fx.goodSignature);
+    r = CheckBufferRequest(fx.data, fx.goodSignature);
     r.message.check_buffer.data = {0, NV_SIGNATURE_VERIFIER_MAX_DATA_SIZE + 1};
     add("data over 64 MiB", r, "data of 67108865 bytes exceeds 67108864");
-    r = CheckBuffer(fx.data, fx.goodSignature);
+    r = CheckBufferRequest(fx.data, fx.goodSignature);
     r.message.check_buffer.signature = {0, NV_SIGNATURE_VERIFIER_MAX_SIGNATURE_SIZE + 1};
     add("signature over 64 MiB", r, "signature of 67108865 bytes exceeds 67108864");
-    r = CheckHash(1, ByteVector(NV_SIGNATURE_VERIFIER_MAX_HASH_SIZE + 1, 0), fx.goodSignature);
+    r = CheckHashRequest(1, ByteVector(NV_SIGNATURE_VERIFIER_MAX_HASH_SIZE + 1, 0), fx.goodSignature);
     add("hash over 512 bytes", r, "hash of 513 bytes exceeds 512");
-    r = CheckHash(1, hash, fx.goodSignature);
+    r = CheckHashRequest(1, hash, fx.goodSignature);
     r.message.check_hash.reserved0[1] = 1;
     add("CheckHash byte 26 set", r, "reserved bytes of CheckHash are not zero");
-    r = CheckHash(1, hash, fx.goodSignature);
+    r = CheckHashRequest(1, hash, fx.goodSignature);
     r.message.check_hash.reserved1[3] = 1;
     add("CheckHash byte 47 set", r, "reserved bytes of CheckHash are not zero");
-    r = CheckBuffer(fx.data, fx.goodSignature);
+    r = CheckBufferRequest(fx.data, fx.goodSignature);
     r.arena = nk_arena{nullptr, nullptr, nullptr};
     add("no arena", r, "data (0, " + std::to_string(fx.data.size()) + ") lies outside the 0 bytes of the arena");
 
@@ -219,7 +174,7 @@ TEST_F(RequestHandlerTest, Handle_MalformedRequests_RefusedAndServingGoesOn)
             EXPECT_NE(log.str().find(": " + c.detail + "\n"), std::string::npos) << log.str();
         }
     }
-    Answer(CheckBuffer(fx.data, fx.goodSignature), NV_SIGNATURE_VERIFIER_CC_OK);
+    Answer(CheckBufferRequest(fx.data, fx.goodSignature), NV_SIGNATURE_VERIFIER_CC_OK);
 }
 
 }  // namespace
