@@ -1,0 +1,75 @@
+// Compression function of GOST R 34.11-2012 and its implementations.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace nds::gost {
+
+// h = g_N(h, m) for one block m given as 8 little-endian words.
+using CompressFn = void (*)(std::uint64_t* h, const std::uint64_t* n, const std::uint64_t* m);
+
+// Hashes `blocks` whole 64-byte blocks of `data`: for each block m,
+// h = g_N(h, m), then N += 512 and sigma += m (both mod 2^512).
+using CompressBlocksFn = void (*)(std::uint64_t* h, std::uint64_t* n, std::uint64_t* sigma,
+                                  const std::uint8_t* data, std::size_t blocks);
+
+struct CompressImpl {
+    const char* name;
+    CompressFn compress;
+    CompressBlocksFn compress_blocks;
+};
+
+// Plain C++ on any target.
+const CompressImpl& PortableImpl();
+// The fastest implementation that this CPU runs; chosen once.
+const CompressImpl& SelectedImpl();
+#if defined(__x86_64__)
+// x86-64 with AVX (VEX encoding lets the lookups use unaligned 16-byte memory
+// operands). Only to be called when the CPU reports AVX.
+const CompressImpl& AvxImpl();
+#endif
+
+// Every implementation this CPU can run, the selected one first.
+struct ImplList {
+    const CompressImpl* items[4];
+    std::size_t count;
+};
+ImplList UsableImpls();
+
+// 512-bit helpers shared by the implementations.
+inline void Add512(std::uint64_t* acc, const std::uint64_t* v) {
+    std::uint64_t carry = 0;
+    for (int i = 0; i < 8; ++i) {
+        const std::uint64_t a = acc[i];
+        const std::uint64_t s = a + v[i];
+        const std::uint64_t r = s + carry;
+        carry = static_cast<std::uint64_t>(s < a) | static_cast<std::uint64_t>(r < s);
+        acc[i] = r;
+    }
+}
+
+inline void AddSmall512(std::uint64_t* acc, std::uint64_t v) {
+    std::uint64_t prev = acc[0];
+    acc[0] = prev + v;
+    for (int i = 1; i < 8 && acc[i - 1] < prev; ++i) {
+        prev = acc[i];
+        acc[i] = prev + 1;
+    }
+}
+
+inline std::uint64_t LoadLe64(const std::uint8_t* p) {
+    std::uint64_t v = 0;
+    for (int i = 7; i >= 0; --i) {
+        v = (v << 8) | p[i];
+    }
+    return v;
+}
+
+inline void LoadBlock(std::uint64_t* m, const std::uint8_t* p) {
+    for (int i = 0; i < 8; ++i) {
+        m[i] = LoadLe64(p + 8 * i);
+    }
+}
+
+}  // namespace nds::gost
