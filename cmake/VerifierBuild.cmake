@@ -20,7 +20,7 @@ endif()
 
 include(GoogleTest OPTIONAL)
 
-# verifier_test(NAME SOURCES src... LIBS lib... [LABELS l...] [TIMEOUT s])
+# verifier_test(NAME SOURCES src... LIBS lib... [LABELS label] [TIMEOUT s])
 # One GoogleTest executable registered as one ctest case per test.
 function(verifier_test name)
   cmake_parse_arguments(T "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
@@ -29,8 +29,19 @@ function(verifier_test name)
   if(NOT T_TIMEOUT)
     set(T_TIMEOUT 120)
   endif()
-  gtest_discover_tests(${name}
-    DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT ${T_TIMEOUT} LABELS "${T_LABELS}"
-               ENVIRONMENT "VERIFIER_BUILD_DIR=${CMAKE_BINARY_DIR};VERIFIER_SOURCE_DIR=${CMAKE_SOURCE_DIR}")
+  # gtest_discover_tests passes PROPERTIES on as one flat list, so no value
+  # may hold a ';': an empty or multi-element LABELS, or two variables in one
+  # ENVIRONMENT, would shift every following property. Hence one label at
+  # most, and the second variable through ENVIRONMENT_MODIFICATION.
+  list(LENGTH T_LABELS label_count)
+  if(label_count GREATER 1)
+    message(FATAL_ERROR "verifier_test(${name}): give at most one label")
+  endif()
+  set(properties TIMEOUT ${T_TIMEOUT}
+    ENVIRONMENT "VERIFIER_BUILD_DIR=${CMAKE_BINARY_DIR}"
+    ENVIRONMENT_MODIFICATION "VERIFIER_SOURCE_DIR=set:${CMAKE_SOURCE_DIR}")
+  if(label_count EQUAL 1)
+    list(APPEND properties LABELS ${T_LABELS})
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
 endfunction()
