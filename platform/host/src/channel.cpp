@@ -127,7 +127,8 @@ void ServerChannel::DropLocked(uint32_t id, const char* reason)
     auto it = peers_.find(id);
     if (it == peers_.end())
         return;
-    HostLog(NOS_LOG_WARNING, "channel \"%s\": client %u dropped: %s", name_.c_str(), id, reason);
+    if (reason != nullptr)
+        HostLog(NOS_LOG_WARNING, "channel \"%s\": client %u dropped: %s", name_.c_str(), id, reason);
     ::shutdown(it->second->fd, SHUT_RDWR);
     peers_.erase(it);
 }
@@ -145,7 +146,7 @@ std::shared_ptr<ServerChannel::Peer> ServerChannel::ClaimEarliestLocked(uint32_t
         case PeekResult::Empty:
             continue;
         case PeekResult::Closed:
-            bad.emplace_back(id, "disconnected");
+            bad.emplace_back(id, nullptr);  // a client leaving between calls is no fault
             continue;
         case PeekResult::Malformed:
             bad.emplace_back(id, "malformed frame");

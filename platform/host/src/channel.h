@@ -59,6 +59,7 @@ private:
 
     // Under mutex_.
     void AcceptPendingLocked();
+    // Closes a client's connection; a non-null `reason` is logged as a warning.
     void DropLocked(uint32_t id, const char* reason);
     std::shared_ptr<Peer> ClaimEarliestLocked(uint32_t messageCapacity, size_t arenaCapacity);
     void Wake();
