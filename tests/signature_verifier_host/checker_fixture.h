@@ -35,10 +35,11 @@ inline SharedPki& Shared()
     return shared;
 }
 
+// The shared PKI is made by the first test's fixture rather than in
+// SetUpTestSuite, so that a failure to make it fails the tests instead of
+// skipping them.
 class CheckerTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { Shared(); }
-
     SharedPki& fx = Shared();
 };
 

@@ -31,7 +31,8 @@ ByteVector ReadBytes(const std::filesystem::path& file);
 void WriteBytes(const std::filesystem::path& file, const ByteVector& bytes);
 ByteVector ToBytes(const std::string& text);
 
-// Root of the source tree: VERIFIER_SOURCE_DIR, set by ctest.
+// Root of the source tree: VERIFIER_SOURCE_DIR when set, else the tree the
+// tests were built from.
 std::filesystem::path SourceDir();
 
 // Runs a command line through /bin/sh with its output in `log`; throws
