@@ -96,6 +96,8 @@ Retcode ServerChannel::AddConnection(int fd)
         TuneSocket(fd);
         const uint32_t id = nextPeerId_++;
         peers_.emplace(id, std::make_shared<Peer>(fd, id));
+        if (!polling_)
+            return NK_EOK;
     }
     Wake();
     return NK_EOK;
@@ -197,9 +199,16 @@ std::shared_ptr<ServerChannel::Peer> ServerChannel::WaitAndClaim(uint32_t messag
                     watched.push_back(peer);
                 }
             }
+            polling_ = true;
         }
-        if (::poll(fds.data(), fds.size(), timeoutMs) < 0 && errno != EINTR) {
-            HostLog(NOS_LOG_ERROR, "channel \"%s\": poll failed: %s", name_.c_str(), std::strerror(errno));
+        const int polled = ::poll(fds.data(), fds.size(), timeoutMs);
+        const int pollErrno = errno;
+        {
+            std::lock_guard lock(mutex_);
+            polling_ = false;
+        }
+        if (polled < 0 && pollErrno != EINTR) {
+            HostLog(NOS_LOG_ERROR, "channel \"%s\": poll failed: %s", name_.c_str(), std::strerror(pollErrno));
             return nullptr;
         }
         if (fds[0].revents != 0)
@@ -284,8 +293,10 @@ Retcode ServerChannel::Reply(NkNosTransport& t, const nk_message* response, cons
             return NK_EAGAIN;
         }
         peer->claimed = false;
+        if (!polling_)
+            return NK_EOK;
     }
-    Wake();  // its next request may already be waiting
+    Wake();  // the polling thread does not watch this client yet
     return NK_EOK;
 }
 

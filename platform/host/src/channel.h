@@ -77,6 +77,7 @@ private:
     std::mutex pollMutex_;  // one receiving thread polls at a time
     std::mutex mutex_;      // guards everything below
     bool closed_ = false;
+    bool polling_ = false;  // a receiving thread sleeps in poll and must be woken for changes
     std::map<uint32_t, std::shared_ptr<Peer>> peers_;
     uint32_t nextPeerId_ = 1;
     std::chrono::steady_clock::time_point acceptPausedUntil_{};
