@@ -1,5 +1,7 @@
 #include "signature_checker.h"
 
+#include <algorithm>
+
 #include "checker_fixture.h"
 
 namespace signature_verifier::host::testing {
@@ -24,6 +26,12 @@ TEST_F(CheckerTest, CheckBuffer_Signatures)
     ByteVector flippedSignature = fx.goodSignature;
     flippedSignature.back() ^= 0x80;
     ByteVector truncated(fx.goodSignature.begin(), fx.goodSignature.begin() + 200);
+    // The first id-data OID is the unsigned eContentType; id-data + 1 is id-signedData.
+    const ByteVector idData{0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x07, 0x01};
+    ByteVector otherContentType = fx.goodSignature;
+    const auto at = std::search(otherContentType.begin(), otherContentType.end(), idData.begin(), idData.end());
+    ASSERT_NE(at, otherContentType.end());
+    at[idData.size() - 1] = 0x02;
     ByteVector trailing = fx.goodSignature;
     trailing.push_back(0);
 
@@ -45,6 +53,7 @@ TEST_F(CheckerTest, CheckBuffer_Signatures)
         {"embedded content", fx.data, pki.SignWithOptions(fx.data, "signer", chain + " -nodetach"),
          NV_SIGNATURE_VERIFIER_CC_MALFORMED_SIGNATURE},
         {"truncated", fx.data, truncated, NV_SIGNATURE_VERIFIER_CC_MALFORMED_SIGNATURE},
+        {"unsigned content type changed", fx.data, otherContentType, NV_SIGNATURE_VERIFIER_CC_MALFORMED_SIGNATURE},
         {"trailing byte", fx.data, trailing, NV_SIGNATURE_VERIFIER_CC_MALFORMED_SIGNATURE},
         {"not DER", fx.data, ToBytes("-----BEGIN CMS-----"), NV_SIGNATURE_VERIFIER_CC_MALFORMED_SIGNATURE},
         {"a certificate", fx.data, pki.Der("signer"), NV_SIGNATURE_VERIFIER_CC_MALFORMED_SIGNATURE},

@@ -176,6 +176,10 @@ Outcome SignatureChecker::Parse(Bytes signature, ParsedSignature& parsed) const
     if (CMS_is_detached(parsed.cms.get()) != 1)
         return Fail(NV_SIGNATURE_VERIFIER_CC_MALFORMED_SIGNATURE, "the signed content is embedded, not detached");
 
+    const ASN1_OBJECT* contentType = CMS_get0_eContentType(parsed.cms.get());
+    if (OBJ_obj2nid(contentType) != NID_pkcs7_data)
+        return Fail(NV_SIGNATURE_VERIFIER_CC_MALFORMED_SIGNATURE, "the signed content is not of type data");
+
     STACK_OF(CMS_SignerInfo)* signerInfos = CMS_get0_SignerInfos(parsed.cms.get());
     if (sk_CMS_SignerInfo_num(signerInfos) != 1)
         return Fail(NV_SIGNATURE_VERIFIER_CC_MALFORMED_SIGNATURE, "the signature must have exactly one signer");
@@ -192,6 +196,13 @@ Outcome SignatureChecker::Parse(Bytes signature, ParsedSignature& parsed) const
     if (signatureNid != NID_id_GostR3410_2012_256 && signatureNid != NID_id_tc26_signwithdigest_gost3410_2012_256)
         return Fail(NV_SIGNATURE_VERIFIER_CC_UNSUPPORTED_ALGORITHM,
                     "the signature algorithm is not GOST R 34.10-2012 256-bit");
+
+    // The content type is outside what the signature covers; its signed copy
+    // must agree with it.
+    const auto* signedContentType = static_cast<const ASN1_OBJECT*>(CMS_signed_get0_data_by_OBJ(
+        parsed.signerInfo, OBJ_nid2obj(NID_pkcs9_contentType), -3, V_ASN1_OBJECT));
+    if (signedContentType == nullptr || OBJ_cmp(signedContentType, contentType) != 0)
+        return Fail(NV_SIGNATURE_VERIFIER_CC_MALFORMED_SIGNATURE, "the contentType attribute does not match the content");
 
     parsed.messageDigest = static_cast<const ASN1_OCTET_STRING*>(CMS_signed_get0_data_by_OBJ(
         parsed.signerInfo, OBJ_nid2obj(NID_pkcs9_messageDigest), -3, V_ASN1_OCTET_STRING));
