@@ -1,0 +1,72 @@
+#include "update/registry/ipc/session_converters.h"
+
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <stdexcept>
+#include <string>
+
+#include "update/registry/ipc/enum_converters.h"
+
+namespace update::registry::ipc {
+namespace {
+
+constexpr const char* kStringFromArenaFailed = "nos_ipc::StringFromArena(): Failed to acquire string from arena";
+
+// Address arithmetic is done on integers so that an offset from a hostile
+// peer can be checked for wrap-around before any pointer is formed.
+bool Add(std::uintptr_t a, std::uint64_t b, std::uintptr_t& sum) noexcept
+{
+    if (b > std::numeric_limits<std::uintptr_t>::max() - a)
+        return false;
+    sum = a + static_cast<std::uintptr_t>(b);
+    return true;
+}
+
+}  // namespace
+
+SessionInfo ToSessionInfo(const nv_IUpdateRegistry_SessionInfo& wire, nk_arena& arena)
+{
+    SessionInfo info;
+    info.type = ToPackageType(wire.type);
+    info.state = ToUpdateState(wire.state);
+
+    const auto start = reinterpret_cast<std::uintptr_t>(arena.start);
+    const auto end = reinterpret_cast<std::uintptr_t>(arena.end);
+    std::uintptr_t begin = 0;
+    std::uintptr_t last = 0;
+    if (!Add(start, wire.path.offset, begin) || !Add(begin, wire.path.size, last) || last > end || begin == 0)
+        throw std::runtime_error(kStringFromArenaFailed);
+    info.path = std::string(reinterpret_cast<const char*>(begin), wire.path.size);
+
+    std::memcpy(info.id.bytes.data(), wire.id, sizeof(wire.id));
+    return info;
+}
+
+nv_IUpdateRegistry_SessionInfo FromSessionInfo(const SessionInfo& info, nk_arena& arena)
+{
+    nv_IUpdateRegistry_SessionInfo wire{};
+    wire.type = FromPackageType(info.type);
+    wire.state = FromUpdateState(info.state);
+
+    const std::string text = info.path.string();
+    const auto start = reinterpret_cast<std::uintptr_t>(arena.start);
+    const auto current = reinterpret_cast<std::uintptr_t>(arena.current);
+    const auto end = reinterpret_cast<std::uintptr_t>(arena.end);
+    std::uintptr_t after = 0;
+    if (text.size() > std::numeric_limits<std::uint32_t>::max() || current < start || !Add(current, text.size(), after) ||
+        after > end || current - start > std::numeric_limits<std::uint32_t>::max())
+        throw std::bad_alloc();
+    std::uint8_t* const place = arena.current;
+    arena.current += text.size();
+    if (!text.empty())
+        std::memcpy(place, text.data(), text.size());
+    wire.path.offset = static_cast<std::uint32_t>(current - start);
+    wire.path.size = static_cast<std::uint32_t>(text.size());
+
+    std::memcpy(wire.id, info.id.bytes.data(), sizeof(wire.id));
+    return wire;
+}
+
+}  // namespace update::registry::ipc
