@@ -1,0 +1,31 @@
+// The on-disk layout of an update package, the contract between whoever
+// stores a package and whoever checks it:
+//
+//   /update_storage/<package folder>/appcollectioninfo.nos.vantor.json
+//   /update_storage/<package folder>/appcollectioninfo.nos.vantor.json.sign
+//   /update_storage/<package folder>/update_vantor3.tar.gz
+//   /update_storage/<package folder>/update_vantor3.sign
+//
+// The archive's signature is NOT the archive name with ".sign" appended,
+// while the list's signature is; both rules are required as they are.
+#pragma once
+
+#include <string>
+
+#include "eka/guid.h"
+
+namespace update {
+
+// Each returns a new string; nothing is cached.
+std::string GetAppListFileName();
+std::string GetAppListSignatureName();
+std::string GetUpdateArchiveName();
+std::string GetUpdateSignatureName();
+
+// A random (version 4, RFC 4122 variant) identifier from "/dev/urandom".
+// Throws boost::uuids::entropy_error, whose what() is "open /dev/urandom"
+// when the device cannot be opened and "get_random_bytes" when it cannot be
+// read, and whose errcode() is the system error number.
+eka::guid_t GenerateUuid();
+
+}  // namespace update
