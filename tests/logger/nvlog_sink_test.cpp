@@ -2,6 +2,8 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <spdlog/spdlog.h>
@@ -165,6 +167,31 @@ TEST_F(NvlogSinkTest, SinkIt_SendFailureIsDropped)
     FakePlatform::Get().callResult = NK_EPIPE;
     EXPECT_NO_THROW(logger->log(Main(), spdlog::level::info, "{}", "lost"));
     EXPECT_EQ(FakePlatform::Get().TakeCalls().size(), 1u);
+}
+
+TEST_F(NvlogSinkTest, SinkIt_ThreadsNeverInterleaveInsideRecord)
+{
+    auto logger = MakeLogger();
+    constexpr int kThreads = 4;
+    constexpr int kRecords = 50;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&logger, t] {
+            const std::string text(300, static_cast<char>('a' + t));
+            for (int i = 0; i < kRecords; ++i)
+                logger->log(Main(), spdlog::level::info, "{}", text);
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    const auto calls = FakePlatform::Get().TakeCalls();
+    ASSERT_EQ(calls.size(), static_cast<std::size_t>(kThreads * kRecords));
+    for (const auto& call : calls) {
+        const std::string line(reinterpret_cast<const char*>(call.arena.data() + 24));
+        const std::string tail = line.substr(line.find("] ", line.find(":48]")) + 2);
+        ASSERT_EQ(tail.size(), 301u);
+        EXPECT_EQ(tail, std::string(300, tail[0]) + "\n");
+    }
 }
 
 TEST_F(NvlogSinkTest, Connect_AbsentStorageGivesNull)
