@@ -44,23 +44,15 @@ NOSLogger& NullRoot()
     return root;
 }
 
-void BM_LogIfEnabled_Disabled(benchmark::State& state)
+// Argument 0: the level is disabled (the level test alone); 1: enabled.
+void BM_LogIfEnabled(benchmark::State& state)
 {
-    NullRoot().SetLogLevel(LogLevel::Error);
+    NullRoot().SetLogLevel(state.range(0) != 0 ? LogLevel::Info : LogLevel::Error);
     const std::string path = "/update_storage/4f1c/applist.json";
     for (auto _ : state)
         nos::logger::LogIfEnabled(LogLevel::Info, kMain, 54, "Verify", "AppList file {} was checked", path);
 }
-BENCHMARK(BM_LogIfEnabled_Disabled);
-
-void BM_LogIfEnabled_NullSink(benchmark::State& state)
-{
-    NullRoot().SetLogLevel(LogLevel::Info);
-    const std::string path = "/update_storage/4f1c/applist.json";
-    for (auto _ : state)
-        nos::logger::LogIfEnabled(LogLevel::Info, kMain, 54, "Verify", "AppList file {} was checked", path);
-}
-BENCHMARK(BM_LogIfEnabled_NullSink);
+BENCHMARK(BM_LogIfEnabled)->ArgName("enabled")->Arg(0)->Arg(1);
 
 void BM_EncodeRecord(benchmark::State& state)
 {
