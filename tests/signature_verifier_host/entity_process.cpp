@@ -137,11 +137,16 @@ std::string EntityProcess::Log() const
     return ReadText(m_log);
 }
 
-RawClient::RawClient(Handle channel)
+RawClient::RawClient(Handle channel) : m_channel(channel)
 {
     m_riid = ServiceLocatorGetRiid(channel, NV_SIGNATURE_VERIFIER_ENDPOINT);
     EXPECT_LT(m_riid, INVALID_RIID);
     EXPECT_EQ(NkNosTransport_Init(&m_transport, channel, nullptr, 0), NK_EOK);
+}
+
+RawClient::~RawClient()
+{
+    KnHandleClose(m_channel);
 }
 
 RawClient::Answer RawClient::Call(const WireRequest& request)

@@ -55,7 +55,11 @@ private:
 // A client of the entity that speaks the wire layouts directly.
 class RawClient {
 public:
+    // Takes over the connected handle `channel`.
     explicit RawClient(Handle channel);
+    ~RawClient();
+    RawClient(const RawClient&) = delete;
+    RawClient& operator=(const RawClient&) = delete;
 
     struct Answer {
         Retcode rc = NK_EOK;
@@ -73,6 +77,7 @@ public:
     std::uint32_t Riid() const { return m_riid; }
 
 private:
+    Handle m_channel;
     NkNosTransport m_transport{};
     std::uint32_t m_riid = INVALID_RIID;
 };

@@ -90,22 +90,6 @@ TEST_F(RequestHandlerTest, Handle_Checks_ReplyCarriesOutcome)
                          "warning CheckHash (mid 1): refused with code 6: a Streebog-256 hash has 32 bytes, not 48\n");
 }
 
-TEST_F(RequestHandlerTest, Handle_TrustStoreRequests)
-{
-    Answer(OneBlobRequest(nv_SignatureVerifier_AddRootCertificate_mid, ToBytes("junk")),
-           NV_SIGNATURE_VERIFIER_CC_MALFORMED_CERTIFICATE);
-    Answer(OneBlobRequest(nv_SignatureVerifier_AddRootCertificate_mid, fx.pki.Der("wrong-root-ca")),
-           NV_SIGNATURE_VERIFIER_CC_OK);
-    Answer(OneBlobRequest(nv_SignatureVerifier_SetCRLBlob_mid, ToBytes("junk")), NV_SIGNATURE_VERIFIER_CC_MALFORMED_CRL);
-    Answer(OneBlobRequest(nv_SignatureVerifier_SetCRLBlob_mid, {}), NV_SIGNATURE_VERIFIER_CC_OK);
-    Answer(OneBlobRequest(nv_SignatureVerifier_RevokeRootCertificate_mid, ByteVector(31, 0)),
-           NV_SIGNATURE_VERIFIER_CC_MALFORMED_REQUEST);
-
-    Answer(OneBlobRequest(nv_SignatureVerifier_RevokeRootCertificate_mid, Sha256(fx.pki.Der("root-ca"))),
-           NV_SIGNATURE_VERIFIER_CC_OK);
-    Answer(CheckBufferRequest(fx.data, fx.goodSignature), NV_SIGNATURE_VERIFIER_CC_REVOKED);
-}
-
 struct MalformedCase {
     const char* name;
     WireRequest request;
