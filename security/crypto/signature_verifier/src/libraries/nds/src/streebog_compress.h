@@ -24,10 +24,13 @@ struct CompressImpl {
 const CompressImpl& PortableImpl();
 // The fastest implementation that this CPU runs; chosen once.
 const CompressImpl& SelectedImpl();
-#if defined(__x86_64__)
-// x86-64 with AVX (VEX encoding lets the lookups use unaligned 16-byte memory
-// operands). Only to be called when the CPU reports AVX.
+#if defined(__x86_64__) && defined(__GNUC__)
+#define NDS_HAVE_AVX_IMPL 1
+// x86-64 with AVX (GNU inline assembly). Only to be called when the CPU
+// reports AVX.
 const CompressImpl& AvxImpl();
+#else
+#define NDS_HAVE_AVX_IMPL 0
 #endif
 
 // Every implementation this CPU can run, the selected one first.
@@ -69,6 +72,19 @@ inline std::uint64_t LoadLe64(const std::uint8_t* p) {
 inline void LoadBlock(std::uint64_t* m, const std::uint8_t* p) {
     for (int i = 0; i < 8; ++i) {
         m[i] = LoadLe64(p + 8 * i);
+    }
+}
+
+// CompressBlocksFn on top of a one-block compression function.
+template <CompressFn Compress>
+void CompressBlocksWith(std::uint64_t* h, std::uint64_t* n, std::uint64_t* sigma, const std::uint8_t* data,
+                        std::size_t blocks) {
+    std::uint64_t m[8];
+    for (std::size_t b = 0; b < blocks; ++b, data += 64) {
+        LoadBlock(m, data);
+        Compress(h, n, m);
+        AddSmall512(n, 512);
+        Add512(sigma, m);
     }
 }
 

@@ -5,7 +5,8 @@ namespace nds::gost {
 
 const CompressImpl& SelectedImpl() {
     static const CompressImpl& chosen = []() -> const CompressImpl& {
-#if defined(__x86_64__) && defined(NDS_HAVE_AVX_IMPL)
+#if NDS_HAVE_AVX_IMPL
+        __builtin_cpu_init();
         if (__builtin_cpu_supports("avx")) {
             return AvxImpl();
         }

@@ -50,21 +50,11 @@ void CompressPortable(std::uint64_t* h, const std::uint64_t* n, const std::uint6
     }
 }
 
-void CompressBlocksPortable(std::uint64_t* h, std::uint64_t* n, std::uint64_t* sigma,
-                            const std::uint8_t* data, std::size_t blocks) {
-    std::uint64_t m[8];
-    for (std::size_t b = 0; b < blocks; ++b, data += 64) {
-        LoadBlock(m, data);
-        CompressPortable(h, n, m);
-        AddSmall512(n, 512);
-        Add512(sigma, m);
-    }
-}
 
 }  // namespace
 
 const CompressImpl& PortableImpl() {
-    static constexpr CompressImpl impl{"portable", CompressPortable, CompressBlocksPortable};
+    static constexpr CompressImpl impl{"portable", CompressPortable, CompressBlocksWith<CompressPortable>};
     return impl;
 }
 
