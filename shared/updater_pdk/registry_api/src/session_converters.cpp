@@ -14,8 +14,8 @@ namespace {
 
 constexpr const char* kStringFromArenaFailed = "nos_ipc::StringFromArena(): Failed to acquire string from arena";
 
-// Address arithmetic is done on integers so that an offset from a hostile
-// peer can be checked for wrap-around before any pointer is formed.
+// Address arithmetic on integers, so that wrap-around is caught before any
+// pointer is formed.
 bool Add(std::uintptr_t a, std::uint64_t b, std::uintptr_t& sum) noexcept
 {
     if (b > std::numeric_limits<std::uintptr_t>::max() - a)
@@ -32,13 +32,10 @@ SessionInfo ToSessionInfo(const nv_IUpdateRegistry_SessionInfo& wire, nk_arena& 
     info.type = ToPackageType(wire.type);
     info.state = ToUpdateState(wire.state);
 
-    const auto start = reinterpret_cast<std::uintptr_t>(arena.start);
-    const auto end = reinterpret_cast<std::uintptr_t>(arena.end);
-    std::uintptr_t begin = 0;
-    std::uintptr_t last = 0;
-    if (!Add(start, wire.path.offset, begin) || !Add(begin, wire.path.size, last) || last > end || begin == 0)
+    const auto* text = static_cast<const char*>(nk_arena_get(&arena, wire.path));
+    if (text == nullptr)
         throw std::runtime_error(kStringFromArenaFailed);
-    info.path = std::string(reinterpret_cast<const char*>(begin), wire.path.size);
+    info.path = std::string(text, wire.path.size);
 
     std::memcpy(info.id.bytes.data(), wire.id, sizeof(wire.id));
     return info;

@@ -58,6 +58,14 @@ inline constexpr std::uint32_t kNoHandle = 0xFFFFFFFFu;
 // Handles travel in the low 24 bits of a handle descriptor.
 inline constexpr std::uint32_t kHandleMask = 0x00FFFFFFu;
 
+// The handle a descriptor's value names: its low 24 bits, the all-ones
+// 24-bit value meaning no handle.
+constexpr std::uint32_t HandleFromWire(std::uint32_t value) noexcept
+{
+    const std::uint32_t low = value & kHandleMask;
+    return low == kHandleMask ? kNoHandle : low;
+}
+
 // Method identifiers (nk_message::mid).
 enum class Method : std::uint16_t {
     Open = 0,

@@ -1,0 +1,224 @@
+#include "update/registry/ipc/proxy.h"
+
+#include <sys/mman.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+#include "common/utils/manage_exception.h"
+#include "eka/exception.h"
+#include "eka/posix/result_code.h"
+#include "eka/result_code.h"
+#include "eka/throw.h"
+#include "update/registry/ipc/enum_converters.h"
+#include "update/registry/ipc/session_converters.h"
+#include "wire_support.h"
+
+namespace update::registry::ipc {
+namespace {
+
+using wire::SetHeader;
+
+constexpr const char* kFile = "shared/updater_pdk/registry_api/src/proxy";
+// Fixed locations of the logged failures.
+constexpr int kOpenTransportLine = 31;
+constexpr int kCloseTransportLine = 51;
+constexpr int kGetSessionsTransportLine = 70;
+constexpr int kGetSessionsArenaLine = 74;
+constexpr int kGetHandleTransportLine = 99;
+constexpr int kSetStateTransportLine = 119;
+constexpr int kGetInfoTransportLine = 140;
+
+constexpr std::size_t kRecordSize = sizeof(nv_IUpdateRegistry_SessionInfo);
+
+// A handle descriptor as a request carries it, and as a response is preset
+// before the call.
+constexpr nk_handle_desc RequestHandle(unsigned int handle) noexcept { return {handle, 1, 0x00000000FFFFFFFFull}; }
+constexpr nk_handle_desc kUnansweredHandle{kNoHandle, 0, 0x00000000FFFFFFFFull};
+
+// One response arena in its own anonymous mapping: an 8-byte header that
+// holds the block's total size, then the arena. Unmapped on every way out.
+class MappedArena {
+public:
+    explicit MappedArena(std::size_t arenaSize) : m_blockSize(arenaSize + kHeaderSize)
+    {
+        void* block = mmap(nullptr, m_blockSize, PROT_READ | PROT_WRITE, MAP_ANONYMOUS | MAP_PRIVATE, -1, 0);
+        if (block == MAP_FAILED) {
+            const int error = errno;
+            eka::Throw<eka::ResultCodeException>(kFile, __LINE__,
+                                                 eka::posix::ResultCodeFromSystemError(static_cast<unsigned>(error)),
+                                                 u"cannot map a response arena");
+        }
+        m_block = static_cast<std::uint8_t*>(block);
+        const std::uint64_t total = m_blockSize;
+        std::memcpy(m_block, &total, sizeof(total));
+        nk_arena_init(&m_arena, m_block + kHeaderSize, arenaSize);
+    }
+    ~MappedArena() { munmap(m_block, m_blockSize); }
+
+    MappedArena(const MappedArena&) = delete;
+    MappedArena& operator=(const MappedArena&) = delete;
+
+    nk_arena& arena() noexcept { return m_arena; }
+
+private:
+    static constexpr std::size_t kHeaderSize = 8;
+
+    std::size_t m_blockSize;
+    std::uint8_t* m_block = nullptr;
+    nk_arena m_arena{};
+};
+
+// An error reply carries a code at byte 24 instead of the method's fields;
+// a reply shorter than the method's layout would be read as zeros.
+template <typename Res>
+void CheckReply(const Res& response)
+{
+    if (nk_msg_is_error(&response.base_)) {
+        std::int32_t code = 0;
+        std::memcpy(&code, reinterpret_cast<const std::uint8_t*>(&response) + sizeof(nk_message), sizeof(code));
+        eka::Throw(kFile, __LINE__,
+                   eka::CheckResultFailedException(eka::Failed(code) ? code : eka::result::InvalidResult,
+                                                   "error reply"));
+    }
+    if (nk_msg_size(&response.base_) < sizeof(Res))
+        eka::Throw(kFile, __LINE__, eka::CheckFailedException(u"short reply: ") << nk_msg_size(&response.base_));
+}
+
+}  // namespace
+
+Proxy::Proxy(std::string_view connectionName, std::string_view interfaceName)
+    : ProxyBase(connectionName, interfaceName), m_client{&m_transport, m_riid}
+{
+}
+
+template <typename Req, typename Res>
+void Proxy::Exchange(const Req& request, Res& response, nk_arena* responseArena, int transportFailLine) const
+{
+    const Retcode rc =
+        m_client.transport->ops->call(m_client.transport, &request.base_, nullptr, &response.base_, responseArena);
+    if (rc != NK_EOK)
+        eka::Throw(kFile, transportFailLine, eka::CheckFailedException(u"transport fail: ") << rc);
+    CheckReply(response);
+}
+
+int Proxy::Open(PackageType type, unsigned int& handle)
+{
+    try {
+        nv_IUpdateRegistry_Open_req request{};
+        nv_IUpdateRegistry_Open_res response{};
+        request.type = FromPackageType(type);
+        SetHeader(request, m_client.riid, Method::Open, false);
+        SetHeader(response, m_client.riid, Method::Open, true);
+        response.handle = kUnansweredHandle;
+        Exchange(request, response, nullptr, kOpenTransportLine);
+        handle = HandleFromWire(response.handle.handle);
+        return response.result;
+    } catch (...) {
+        return common::utils::ManageException("", "Open");
+    }
+}
+
+int Proxy::Close(unsigned int handle)
+{
+    try {
+        nv_IUpdateRegistry_Close_req request{};
+        nv_IUpdateRegistry_Close_res response{};
+        SetHeader(request, m_client.riid, Method::Close, true);
+        SetHeader(response, m_client.riid, Method::Close, false);
+        request.handle = RequestHandle(handle);
+        Exchange(request, response, nullptr, kCloseTransportLine);
+        return response.result;
+    } catch (...) {
+        return common::utils::ManageException("", "Close");
+    }
+}
+
+int Proxy::GetSessions(std::vector<SessionInfo>& sessions) const
+{
+    try {
+        nv_IUpdateRegistry_GetSessions_req request{};
+        nv_IUpdateRegistry_GetSessions_res response{};
+        SetHeader(request, m_client.riid, Method::GetSessions, false);
+        SetHeader(response, m_client.riid, Method::GetSessions, false);
+        MappedArena mapped(kGetSessionsArenaSize);
+        nk_arena& arena = mapped.arena();
+        Exchange(request, response, &arena, kGetSessionsTransportLine);
+
+        const auto* records = static_cast<const std::uint8_t*>(nk_arena_get(&arena, response.sessions));
+        if (records == nullptr || response.sessions.size % kRecordSize != 0)
+            eka::Throw(kFile, kGetSessionsArenaLine, eka::CheckFailedException(u"cannot get sessions from arena"));
+        const std::size_t count = response.sessions.size / kRecordSize;
+        sessions.clear();
+        sessions.reserve(count);
+        for (std::size_t i = 0; i < count; ++i) {
+            // Records need not be aligned in the arena.
+            nv_IUpdateRegistry_SessionInfo record;
+            std::memcpy(&record, records + i * kRecordSize, kRecordSize);
+            sessions.push_back(ToSessionInfo(record, arena));
+        }
+        return response.result;
+    } catch (...) {
+        return common::utils::ManageException("", "GetSessions");
+    }
+}
+
+int Proxy::GetHandle(const eka::guid_t& id, unsigned int& handle) const
+{
+    try {
+        nv_IUpdateRegistry_GetHandle_req request{};
+        nv_IUpdateRegistry_GetHandle_res response{};
+        SetHeader(request, m_client.riid, Method::GetHandle, false);
+        SetHeader(response, m_client.riid, Method::GetHandle, true);
+        std::memcpy(request.id, id.bytes.data(), sizeof(request.id));
+        response.handle = kUnansweredHandle;
+        Exchange(request, response, nullptr, kGetHandleTransportLine);
+        handle = HandleFromWire(response.handle.handle);
+        return response.result;
+    } catch (...) {
+        return common::utils::ManageException("", "GetHandle");
+    }
+}
+
+int Proxy::SetState(unsigned int handle, UpdateState state)
+{
+    try {
+        nv_IUpdateRegistry_SetState_req request{};
+        nv_IUpdateRegistry_SetState_res response{};
+        request.state = FromUpdateState(state);
+        SetHeader(request, m_client.riid, Method::SetState, true);
+        SetHeader(response, m_client.riid, Method::SetState, false);
+        request.handle = RequestHandle(handle);
+        Exchange(request, response, nullptr, kSetStateTransportLine);
+        return response.result;
+    } catch (...) {
+        return common::utils::ManageException("", "SetState");
+    }
+}
+
+int Proxy::GetInfo(unsigned int handle, SessionInfo& info) const
+{
+    try {
+        nv_IUpdateRegistry_GetInfo_req request{};
+        nv_IUpdateRegistry_GetInfo_res response{};
+        SetHeader(request, m_client.riid, Method::GetInfo, true);
+        SetHeader(response, m_client.riid, Method::GetInfo, false);
+        request.handle = RequestHandle(handle);
+        MappedArena mapped(kGetInfoArenaSize);
+        Exchange(request, response, &mapped.arena(), kGetInfoTransportLine);
+        // The record replaces `info` whatever the result says.
+        info = ToSessionInfo(response.info, mapped.arena());
+        return response.result;
+    } catch (...) {
+        return common::utils::ManageException("", "GetInfo");
+    }
+}
+
+std::unique_ptr<IRegistry> CreateProxy(std::string_view connectionName, std::string_view interfaceName)
+{
+    return std::make_unique<Proxy>(connectionName, interfaceName);
+}
+
+}  // namespace update::registry::ipc
