@@ -28,20 +28,6 @@ bool HasLayout(const nk_message& request, bool carriesHandle) noexcept
            (request.size & (NK_MSG_SIZE_MASK | NK_MSG_HANDLE_FLAG)) == SizeWord<Req>(carriesHandle);
 }
 
-template <typename Req>
-Req Read(const nk_message* request) noexcept
-{
-    Req copy;
-    std::memcpy(&copy, request, sizeof(copy));
-    return copy;
-}
-
-template <typename Res>
-void Write(nk_message* response, const Res& answer) noexcept
-{
-    std::memcpy(response, &answer, sizeof(answer));
-}
-
 int ErrorReply(nk_message* response, std::uint16_t riid, std::uint16_t mid, eka::result_t code) noexcept
 {
     std::memset(response, 0, sizeof(nv_IUpdateRegistry_res));
@@ -84,18 +70,69 @@ eka::result_t Guarded(std::string_view method, Body&& body) noexcept
     }
 }
 
+// Lays out the records first, then their paths; on failure the arena is
+// left as it was found.
 void Encode(const std::vector<SessionInfo>& sessions, nk_arena& window, nk_arena_desc& where)
 {
-    const std::size_t bytes = sessions.size() * sizeof(nv_IUpdateRegistry_SessionInfo);
-    std::uint32_t offset = 0;
-    auto* slots = static_cast<std::uint8_t*>(nk_arena_reserve(&window, bytes, &offset));
-    if (slots == nullptr)
-        throw std::bad_alloc();
-    for (std::size_t i = 0; i < sessions.size(); ++i) {
-        const nv_IUpdateRegistry_SessionInfo record = FromSessionInfo(sessions[i], window);
-        std::memcpy(slots + i * sizeof(record), &record, sizeof(record));
+    std::uint8_t* const mark = window.current;
+    try {
+        const std::size_t bytes = sessions.size() * sizeof(nv_IUpdateRegistry_SessionInfo);
+        std::uint32_t offset = 0;
+        auto* slots = static_cast<std::uint8_t*>(nk_arena_reserve(&window, bytes, &offset));
+        if (slots == nullptr)
+            throw std::bad_alloc();
+        for (std::size_t i = 0; i < sessions.size(); ++i) {
+            const nv_IUpdateRegistry_SessionInfo record = FromSessionInfo(sessions[i], window);
+            std::memcpy(slots + i * sizeof(record), &record, sizeof(record));
+        }
+        where = {offset, static_cast<std::uint32_t>(bytes)};
+    } catch (...) {
+        window.current = mark;
+        throw;
     }
-    where = {offset, static_cast<std::uint32_t>(bytes)};
+}
+
+struct Exchange {
+    IRegistry& registry;
+    const nk_message* request;
+    nk_message* response;
+    nk_arena* responseArena;
+    std::uint16_t riid;
+};
+
+// One method: checks the request's layout, then `body(in, out, window)`
+// fills the response from the registry and gives its result. A response
+// handle is preset to "no handle", so a failed call never names a session.
+template <typename Req, typename Res, typename Body>
+int Serve(const Exchange& x, Method method, std::size_t arenaLimit, Body&& body) noexcept
+{
+    const wire::MethodTraits& traits = wire::Traits(method);
+    if (!HasLayout<Req>(*x.request, traits.requestCarriesHandle))
+        return ErrorReply(x.response, x.riid, x.request->mid, eka::result::InvalidArgument);
+    Req in;
+    std::memcpy(&in, x.request, sizeof(in));
+    Res out{};
+    SetHeader(out, x.riid, method, traits.responseCarriesHandle);
+    if constexpr (requires { out.handle; })
+        out.handle = AnswerHandle(kNoHandle);
+    nk_arena window = Window(x.responseArena, arenaLimit);
+    out.result = Guarded(traits.name, [&] { return body(in, out, window); });
+    if (x.responseArena != nullptr)
+        x.responseArena->current = window.current;
+    std::memcpy(x.response, &out, sizeof(out));
+    return 0;
+}
+
+// An enumerator the interface does not define is the caller's mistake.
+template <typename Convert>
+bool Converted(Convert&& convert) noexcept
+{
+    try {
+        convert();
+        return true;
+    } catch (const eka::CheckFailedException&) {
+        return false;
+    }
 }
 
 }  // namespace
@@ -107,120 +144,57 @@ int DispatchRegistry(RegistryComponent* component, const nk_message* request, co
         return kRefused;
     if (component == nullptr || component->registry == nullptr || request == nullptr)
         return ErrorReply(response, 0, 0, eka::result::InvalidArgument);
-    const std::uint16_t riid = request->riid;
-    const std::uint16_t mid = request->mid;
-    if (riid != component->riid)
-        return ErrorReply(response, riid, mid, eka::result::InvalidArgument);
+    if (request->riid != component->riid)
+        return ErrorReply(response, request->riid, request->mid, eka::result::InvalidArgument);
     IRegistry& registry = *component->registry;
-    if (responseArena != nullptr)
-        responseArena->current = responseArena->start;
+    const Exchange x{registry, request, response, responseArena, component->riid};
 
-    switch (static_cast<Method>(mid)) {
-    case Method::Open: {
-        if (!HasLayout<nv_IUpdateRegistry_Open_req>(*request, false))
-            break;
-        const auto in = Read<nv_IUpdateRegistry_Open_req>(request);
-        nv_IUpdateRegistry_Open_res out{};
-        SetHeader(out, riid, Method::Open, true);
-        unsigned int handle = kNoHandle;
-        out.result = Guarded("Open", [&]() -> eka::result_t {
-            PackageType type{};
-            try {
-                type = ToPackageType(in.type);
-            } catch (const eka::CheckFailedException&) {
-                return eka::result::InvalidArgument;
-            }
-            return registry.Open(type, handle);
-        });
-        out.handle = AnswerHandle(handle);
-        Write(response, out);
-        return 0;
+    switch (static_cast<Method>(request->mid)) {
+    case Method::Open:
+        return Serve<nv_IUpdateRegistry_Open_req, nv_IUpdateRegistry_Open_res>(
+            x, Method::Open, 0, [&](const auto& in, auto& out, nk_arena&) {
+                PackageType type{};
+                if (!Converted([&] { type = ToPackageType(in.type); }))
+                    return eka::result::InvalidArgument;
+                return registry.Open(type, out.handle.handle);
+            });
+    case Method::Close:
+        return Serve<nv_IUpdateRegistry_Close_req, nv_IUpdateRegistry_Close_res>(
+            x, Method::Close, 0,
+            [&](const auto& in, auto&, nk_arena&) { return registry.Close(HandleFromWire(in.handle.handle)); });
+    case Method::GetSessions:
+        return Serve<nv_IUpdateRegistry_GetSessions_req, nv_IUpdateRegistry_GetSessions_res>(
+            x, Method::GetSessions, kGetSessionsArenaSize, [&](const auto&, auto& out, nk_arena& window) {
+                std::vector<SessionInfo> sessions;
+                const int rc = registry.GetSessions(sessions);
+                Encode(sessions, window, out.sessions);
+                return rc;
+            });
+    case Method::GetHandle:
+        return Serve<nv_IUpdateRegistry_GetHandle_req, nv_IUpdateRegistry_GetHandle_res>(
+            x, Method::GetHandle, 0, [&](const auto& in, auto& out, nk_arena&) {
+                eka::guid_t id;
+                std::memcpy(id.bytes.data(), in.id, sizeof(in.id));
+                return registry.GetHandle(id, out.handle.handle);
+            });
+    case Method::SetState:
+        return Serve<nv_IUpdateRegistry_SetState_req, nv_IUpdateRegistry_SetState_res>(
+            x, Method::SetState, 0, [&](const auto& in, auto&, nk_arena&) {
+                UpdateState state{};
+                if (!Converted([&] { state = ToUpdateState(in.state); }))
+                    return eka::result::InvalidArgument;
+                return registry.SetState(HandleFromWire(in.handle.handle), state);
+            });
+    case Method::GetInfo:
+        return Serve<nv_IUpdateRegistry_GetInfo_req, nv_IUpdateRegistry_GetInfo_res>(
+            x, Method::GetInfo, kGetInfoArenaSize, [&](const auto& in, auto& out, nk_arena& window) {
+                SessionInfo info;
+                const int rc = registry.GetInfo(HandleFromWire(in.handle.handle), info);
+                out.info = FromSessionInfo(info, window);
+                return rc;
+            });
     }
-    case Method::Close: {
-        if (!HasLayout<nv_IUpdateRegistry_Close_req>(*request, true))
-            break;
-        const auto in = Read<nv_IUpdateRegistry_Close_req>(request);
-        nv_IUpdateRegistry_Close_res out{};
-        SetHeader(out, riid, Method::Close, false);
-        out.result = Guarded("Close", [&] { return registry.Close(HandleFromWire(in.handle.handle)); });
-        Write(response, out);
-        return 0;
-    }
-    case Method::GetSessions: {
-        if (!HasLayout<nv_IUpdateRegistry_GetSessions_req>(*request, false))
-            break;
-        nv_IUpdateRegistry_GetSessions_res out{};
-        SetHeader(out, riid, Method::GetSessions, false);
-        nk_arena window = Window(responseArena, kGetSessionsArenaSize);
-        out.result = Guarded("GetSessions", [&] {
-            std::vector<SessionInfo> sessions;
-            const int rc = registry.GetSessions(sessions);
-            Encode(sessions, window, out.sessions);
-            return rc;
-        });
-        if (out.sessions.size == 0)  // nothing to send, whatever was written before a failure
-            window.current = window.start;
-        if (responseArena != nullptr)
-            responseArena->current = window.current;
-        Write(response, out);
-        return 0;
-    }
-    case Method::GetHandle: {
-        if (!HasLayout<nv_IUpdateRegistry_GetHandle_req>(*request, false))
-            break;
-        const auto in = Read<nv_IUpdateRegistry_GetHandle_req>(request);
-        nv_IUpdateRegistry_GetHandle_res out{};
-        SetHeader(out, riid, Method::GetHandle, true);
-        unsigned int handle = kNoHandle;
-        out.result = Guarded("GetHandle", [&] {
-            eka::guid_t id;
-            std::memcpy(id.bytes.data(), in.id, sizeof(in.id));
-            return registry.GetHandle(id, handle);
-        });
-        out.handle = AnswerHandle(handle);
-        Write(response, out);
-        return 0;
-    }
-    case Method::SetState: {
-        if (!HasLayout<nv_IUpdateRegistry_SetState_req>(*request, true))
-            break;
-        const auto in = Read<nv_IUpdateRegistry_SetState_req>(request);
-        nv_IUpdateRegistry_SetState_res out{};
-        SetHeader(out, riid, Method::SetState, false);
-        out.result = Guarded("SetState", [&]() -> eka::result_t {
-            UpdateState state{};
-            try {
-                state = ToUpdateState(in.state);
-            } catch (const eka::CheckFailedException&) {
-                return eka::result::InvalidArgument;
-            }
-            return registry.SetState(HandleFromWire(in.handle.handle), state);
-        });
-        Write(response, out);
-        return 0;
-    }
-    case Method::GetInfo: {
-        if (!HasLayout<nv_IUpdateRegistry_GetInfo_req>(*request, true))
-            break;
-        const auto in = Read<nv_IUpdateRegistry_GetInfo_req>(request);
-        nv_IUpdateRegistry_GetInfo_res out{};
-        SetHeader(out, riid, Method::GetInfo, false);
-        nk_arena window = Window(responseArena, kGetInfoArenaSize);
-        out.result = Guarded("GetInfo", [&] {
-            SessionInfo info;
-            const int rc = registry.GetInfo(HandleFromWire(in.handle.handle), info);
-            out.info = FromSessionInfo(info, window);
-            return rc;
-        });
-        if (responseArena != nullptr)
-            responseArena->current = window.current;
-        Write(response, out);
-        return 0;
-    }
-    default:
-        return ErrorReply(response, riid, mid, eka::result::MethodNotFound);
-    }
-    return ErrorReply(response, riid, mid, eka::result::InvalidArgument);
+    return ErrorReply(response, request->riid, request->mid, eka::result::MethodNotFound);
 }
 
 }  // namespace update::registry::ipc

@@ -2,9 +2,11 @@
 
 #include <sys/mman.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <utility>
 
 #include "common/utils/manage_exception.h"
@@ -23,13 +25,10 @@ using wire::SetHeader;
 
 constexpr const char* kFile = "shared/updater_pdk/registry_api/src/proxy";
 // Fixed locations of the logged failures.
-constexpr int kOpenTransportLine = 31;
-constexpr int kCloseTransportLine = 51;
-constexpr int kGetSessionsTransportLine = 70;
+// Transport failures, indexed by Method: Open, Close, GetSessions,
+// GetHandle, SetState, GetInfo.
+constexpr std::array<int, kMethodCount> kTransportFailLines{31, 51, 70, 99, 119, 140};
 constexpr int kGetSessionsArenaLine = 74;
-constexpr int kGetHandleTransportLine = 99;
-constexpr int kSetStateTransportLine = 119;
-constexpr int kGetInfoTransportLine = 140;
 
 constexpr std::size_t kRecordSize = sizeof(nv_IUpdateRegistry_SessionInfo);
 
@@ -94,126 +93,102 @@ Proxy::Proxy(std::string_view connectionName, std::string_view interfaceName)
 {
 }
 
-template <typename Req, typename Res>
-void Proxy::Exchange(const Req& request, Res& response, nk_arena* responseArena, int transportFailLine) const
+template <typename Req, typename Res, typename Prepare, typename Decode>
+int Proxy::Call(Method method, std::size_t arenaSize, Prepare&& prepare, Decode&& decode) const noexcept
 {
-    const Retcode rc =
-        m_client.transport->ops->call(m_client.transport, &request.base_, nullptr, &response.base_, responseArena);
-    if (rc != NK_EOK)
-        eka::Throw(kFile, transportFailLine, eka::CheckFailedException(u"transport fail: ") << rc);
-    CheckReply(response);
+    const wire::MethodTraits& traits = wire::Traits(method);
+    try {
+        Req request{};
+        Res response{};
+        prepare(request);
+        SetHeader(request, m_client.riid, method, traits.requestCarriesHandle);
+        SetHeader(response, m_client.riid, method, traits.responseCarriesHandle);
+        if constexpr (requires { response.handle; })
+            response.handle = kUnansweredHandle;
+        std::optional<MappedArena> mapped;
+        if (arenaSize != 0)
+            mapped.emplace(arenaSize);
+        nk_arena* arena = mapped ? &mapped->arena() : nullptr;
+
+        const Retcode rc = m_client.transport->ops->call(m_client.transport, &request.base_, nullptr, &response.base_, arena);
+        if (rc != NK_EOK)
+            eka::Throw(kFile, kTransportFailLines[static_cast<std::size_t>(method)],
+                       eka::CheckFailedException(u"transport fail: ") << rc);
+        CheckReply(response);
+        return decode(response, arena);
+    } catch (...) {
+        return common::utils::ManageException("", traits.name);
+    }
 }
 
 int Proxy::Open(PackageType type, unsigned int& handle)
 {
-    try {
-        nv_IUpdateRegistry_Open_req request{};
-        nv_IUpdateRegistry_Open_res response{};
-        request.type = FromPackageType(type);
-        SetHeader(request, m_client.riid, Method::Open, false);
-        SetHeader(response, m_client.riid, Method::Open, true);
-        response.handle = kUnansweredHandle;
-        Exchange(request, response, nullptr, kOpenTransportLine);
-        handle = HandleFromWire(response.handle.handle);
-        return response.result;
-    } catch (...) {
-        return common::utils::ManageException("", "Open");
-    }
+    return Call<nv_IUpdateRegistry_Open_req, nv_IUpdateRegistry_Open_res>(
+        Method::Open, 0, [&](auto& request) { request.type = FromPackageType(type); },
+        [&](const auto& response, nk_arena*) {
+            handle = HandleFromWire(response.handle.handle);
+            return response.result;
+        });
 }
 
 int Proxy::Close(unsigned int handle)
 {
-    try {
-        nv_IUpdateRegistry_Close_req request{};
-        nv_IUpdateRegistry_Close_res response{};
-        SetHeader(request, m_client.riid, Method::Close, true);
-        SetHeader(response, m_client.riid, Method::Close, false);
-        request.handle = RequestHandle(handle);
-        Exchange(request, response, nullptr, kCloseTransportLine);
-        return response.result;
-    } catch (...) {
-        return common::utils::ManageException("", "Close");
-    }
+    return Call<nv_IUpdateRegistry_Close_req, nv_IUpdateRegistry_Close_res>(
+        Method::Close, 0, [&](auto& request) { request.handle = RequestHandle(handle); },
+        [](const auto& response, nk_arena*) { return response.result; });
 }
 
 int Proxy::GetSessions(std::vector<SessionInfo>& sessions) const
 {
-    try {
-        nv_IUpdateRegistry_GetSessions_req request{};
-        nv_IUpdateRegistry_GetSessions_res response{};
-        SetHeader(request, m_client.riid, Method::GetSessions, false);
-        SetHeader(response, m_client.riid, Method::GetSessions, false);
-        MappedArena mapped(kGetSessionsArenaSize);
-        nk_arena& arena = mapped.arena();
-        Exchange(request, response, &arena, kGetSessionsTransportLine);
-
-        const auto* records = static_cast<const std::uint8_t*>(nk_arena_get(&arena, response.sessions));
-        if (records == nullptr || response.sessions.size % kRecordSize != 0)
-            eka::Throw(kFile, kGetSessionsArenaLine, eka::CheckFailedException(u"cannot get sessions from arena"));
-        const std::size_t count = response.sessions.size / kRecordSize;
-        sessions.clear();
-        sessions.reserve(count);
-        for (std::size_t i = 0; i < count; ++i) {
-            // Records need not be aligned in the arena.
-            nv_IUpdateRegistry_SessionInfo record;
-            std::memcpy(&record, records + i * kRecordSize, kRecordSize);
-            sessions.push_back(ToSessionInfo(record, arena));
-        }
-        return response.result;
-    } catch (...) {
-        return common::utils::ManageException("", "GetSessions");
-    }
+    return Call<nv_IUpdateRegistry_GetSessions_req, nv_IUpdateRegistry_GetSessions_res>(
+        Method::GetSessions, kGetSessionsArenaSize, [](auto&) {},
+        [&](const auto& response, nk_arena* arena) {
+            const auto* records = static_cast<const std::uint8_t*>(nk_arena_get(arena, response.sessions));
+            if (records == nullptr || response.sessions.size % kRecordSize != 0)
+                eka::Throw(kFile, kGetSessionsArenaLine, eka::CheckFailedException(u"cannot get sessions from arena"));
+            const std::size_t count = response.sessions.size / kRecordSize;
+            sessions.clear();
+            sessions.reserve(count);
+            for (std::size_t i = 0; i < count; ++i) {
+                // Records need not be aligned in the arena.
+                nv_IUpdateRegistry_SessionInfo record;
+                std::memcpy(&record, records + i * kRecordSize, kRecordSize);
+                sessions.push_back(ToSessionInfo(record, *arena));
+            }
+            return response.result;
+        });
 }
 
 int Proxy::GetHandle(const eka::guid_t& id, unsigned int& handle) const
 {
-    try {
-        nv_IUpdateRegistry_GetHandle_req request{};
-        nv_IUpdateRegistry_GetHandle_res response{};
-        SetHeader(request, m_client.riid, Method::GetHandle, false);
-        SetHeader(response, m_client.riid, Method::GetHandle, true);
-        std::memcpy(request.id, id.bytes.data(), sizeof(request.id));
-        response.handle = kUnansweredHandle;
-        Exchange(request, response, nullptr, kGetHandleTransportLine);
-        handle = HandleFromWire(response.handle.handle);
-        return response.result;
-    } catch (...) {
-        return common::utils::ManageException("", "GetHandle");
-    }
+    return Call<nv_IUpdateRegistry_GetHandle_req, nv_IUpdateRegistry_GetHandle_res>(
+        Method::GetHandle, 0, [&](auto& request) { std::memcpy(request.id, id.bytes.data(), sizeof(request.id)); },
+        [&](const auto& response, nk_arena*) {
+            handle = HandleFromWire(response.handle.handle);
+            return response.result;
+        });
 }
 
 int Proxy::SetState(unsigned int handle, UpdateState state)
 {
-    try {
-        nv_IUpdateRegistry_SetState_req request{};
-        nv_IUpdateRegistry_SetState_res response{};
-        request.state = FromUpdateState(state);
-        SetHeader(request, m_client.riid, Method::SetState, true);
-        SetHeader(response, m_client.riid, Method::SetState, false);
-        request.handle = RequestHandle(handle);
-        Exchange(request, response, nullptr, kSetStateTransportLine);
-        return response.result;
-    } catch (...) {
-        return common::utils::ManageException("", "SetState");
-    }
+    return Call<nv_IUpdateRegistry_SetState_req, nv_IUpdateRegistry_SetState_res>(
+        Method::SetState, 0,
+        [&](auto& request) {
+            request.state = FromUpdateState(state);
+            request.handle = RequestHandle(handle);
+        },
+        [](const auto& response, nk_arena*) { return response.result; });
 }
 
 int Proxy::GetInfo(unsigned int handle, SessionInfo& info) const
 {
-    try {
-        nv_IUpdateRegistry_GetInfo_req request{};
-        nv_IUpdateRegistry_GetInfo_res response{};
-        SetHeader(request, m_client.riid, Method::GetInfo, true);
-        SetHeader(response, m_client.riid, Method::GetInfo, false);
-        request.handle = RequestHandle(handle);
-        MappedArena mapped(kGetInfoArenaSize);
-        Exchange(request, response, &mapped.arena(), kGetInfoTransportLine);
-        // The record replaces `info` whatever the result says.
-        info = ToSessionInfo(response.info, mapped.arena());
-        return response.result;
-    } catch (...) {
-        return common::utils::ManageException("", "GetInfo");
-    }
+    return Call<nv_IUpdateRegistry_GetInfo_req, nv_IUpdateRegistry_GetInfo_res>(
+        Method::GetInfo, kGetInfoArenaSize, [&](auto& request) { request.handle = RequestHandle(handle); },
+        [&](const auto& response, nk_arena* arena) {
+            // The record replaces `info` whatever the result says.
+            info = ToSessionInfo(response.info, *arena);
+            return response.result;
+        });
 }
 
 std::unique_ptr<IRegistry> CreateProxy(std::string_view connectionName, std::string_view interfaceName)

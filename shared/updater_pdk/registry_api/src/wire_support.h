@@ -3,11 +3,31 @@
 
 #include <nos/message.h>
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 
 #include "update/registry/ipc/registry_types.h"
 
 namespace update::registry::ipc::wire {
+
+struct MethodTraits {
+    const char* name;
+    bool requestCarriesHandle;
+    bool responseCarriesHandle;
+};
+
+// Indexed by Method.
+inline constexpr std::array<MethodTraits, kMethodCount> kMethods{{
+    {"Open", false, true},
+    {"Close", true, false},
+    {"GetSessions", false, false},
+    {"GetHandle", false, true},
+    {"SetState", true, false},
+    {"GetInfo", true, false},
+}};
+
+constexpr const MethodTraits& Traits(Method method) noexcept { return kMethods[static_cast<std::size_t>(method)]; }
 
 // The size word of a message: its layout's size, plus the handle flag when
 // it carries a handle descriptor.

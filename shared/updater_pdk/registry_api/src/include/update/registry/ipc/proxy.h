@@ -3,6 +3,7 @@
 
 #include <nos/transport.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string_view>
@@ -43,8 +44,11 @@ public:
     int GetInfo(unsigned int handle, SessionInfo& info) const override;
 
 private:
-    template <typename Req, typename Res>
-    void Exchange(const Req& request, Res& response, nk_arena* responseArena, int transportFailLine) const;
+    // One exchange: `prepare` fills the request body from the arguments,
+    // `decode` reads the response (and its arena, when `arenaSize` is not 0)
+    // and gives the result. Whatever throws ends in ManageException.
+    template <typename Req, typename Res, typename Prepare, typename Decode>
+    int Call(Method method, std::size_t arenaSize, Prepare&& prepare, Decode&& decode) const noexcept;
 
     nv_IUpdateRegistry_client m_client;
 };
