@@ -1,7 +1,6 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -59,7 +58,7 @@ struct ChildOutcome {
 };
 
 // Runs GenerateUuid in a child process, so that the faults `prepare` makes
-// (resource limits, system-call filters) stay there. The child reports
+// (failing system calls) stay there. The child reports
 // "<errcode> <what>" of the entropy error, or why there was none.
 ChildOutcome GenerateUuidInChild(const std::function<bool()>& prepare)
 {
@@ -67,8 +66,11 @@ ChildOutcome GenerateUuidInChild(const std::function<bool()>& prepare)
     if (::pipe(fds) != 0)
         return {-1, "pipe failed"};
     const pid_t pid = ::fork();
-    if (pid < 0)
+    if (pid < 0) {
+        ::close(fds[0]);
+        ::close(fds[1]);
         return {-1, "fork failed"};
+    }
     if (pid == 0) {
         ::close(fds[0]);
         ::alarm(10);  // a hang ends the child with SIGALRM
@@ -97,13 +99,14 @@ ChildOutcome GenerateUuidInChild(const std::function<bool()>& prepare)
     return outcome;
 }
 
-// Makes every read(2) of this process return `result` (a negated errno, or
-// 0 for end of file) without reaching the kernel.
-bool FilterReads(unsigned result)
+// Makes every call of the system call `nr` in this process return `result`
+// (an errno, or 0 for a read at end of file) without reaching the kernel.
+// The sanitizer runtimes need neither call while the child runs.
+bool FailSystemCall(long nr, unsigned result)
 {
     sock_filter filter[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_read, 0, 1),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(nr), 0, 1),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | (result & SECCOMP_RET_DATA)),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };
@@ -120,19 +123,12 @@ TEST(GenerateUuidTest, GenerateUuid_DeviceFailuresCarryTextAndErrno)
         std::string report;
     };
     const Case cases[] = {
-        {"no descriptor left for the device",
-         [] {
-             rlimit limit{};
-             if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
-                 return false;
-             limit.rlim_cur = 0;
-             return ::setrlimit(RLIMIT_NOFILE, &limit) == 0;
-         },
-         std::to_string(EMFILE) + " open /dev/urandom"},
-        {"read fails", [] { return FilterReads(EIO); }, std::to_string(EIO) + " get_random_bytes"},
-        {"read denied", [] { return FilterReads(EPERM); }, std::to_string(EPERM) + " get_random_bytes"},
+        {"device cannot be opened", [] { return FailSystemCall(SYS_openat, EACCES); },
+         std::to_string(EACCES) + " open /dev/urandom"},
+        {"read fails", [] { return FailSystemCall(SYS_read, EIO); }, std::to_string(EIO) + " get_random_bytes"},
+        {"read denied", [] { return FailSystemCall(SYS_read, EPERM); }, std::to_string(EPERM) + " get_random_bytes"},
         // A device at end of file must not make the generator spin.
-        {"read hits end of file", [] { return FilterReads(0); }, std::to_string(EIO) + " get_random_bytes"},
+        {"read hits end of file", [] { return FailSystemCall(SYS_read, 0); }, std::to_string(EIO) + " get_random_bytes"},
     };
     for (const Case& c : cases) {
         const ChildOutcome outcome = GenerateUuidInChild(c.prepare);
