@@ -14,6 +14,7 @@
 #include <boost/uuid/entropy_error.hpp>
 #include <gtest/gtest.h>
 
+#include "eka/exception.h"
 #include "update/common.h"
 
 namespace {
@@ -37,6 +38,56 @@ TEST(PackageNamesTest, NameFunctions_GiveFixedNames)
         // A caller may change its copy without changing the next result.
         first += "x";
         EXPECT_EQ(c.function(), c.expected) << c.name;
+    }
+}
+
+update::registry::ipc::SessionInfo SessionWithFolder(const char* folder)
+{
+    update::registry::ipc::SessionInfo info;
+    info.path = folder;
+    return info;
+}
+
+TEST(PackagePathTest, GetPackagePath_JoinsFolderUnderStorage)
+{
+    struct Case {
+        const char* folder;
+        const char* expected;
+    };
+    const Case cases[] = {
+        {"abc", "/update_storage/abc"},
+        {"a/b", "/update_storage/a/b"},
+        {"abc/", "/update_storage/abc/"},
+        {"../x", "/update_storage/../x"},  // not resolved: the registry owns the folder names
+        {"/tmp/x", "/tmp/x"},              // an absolute folder replaces the root
+        {"/", "/"},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(update::GetPackagePath(SessionWithFolder(c.folder)).native(), c.expected) << c.folder;
+}
+
+TEST(PackagePathTest, GetPackagePath_FilesOfOnePackage)
+{
+    const std::filesystem::path dir = update::GetPackagePath(SessionWithFolder("abc"));
+    EXPECT_EQ((dir / update::GetAppListFileName()).native(), "/update_storage/abc/appcollectioninfo.nos.vantor.json");
+    EXPECT_EQ((dir / update::GetAppListSignatureName()).native(),
+              "/update_storage/abc/appcollectioninfo.nos.vantor.json.sign");
+    EXPECT_EQ((dir / update::GetUpdateArchiveName()).native(), "/update_storage/abc/update_vantor3.tar.gz");
+    EXPECT_EQ((dir / update::GetUpdateSignatureName()).native(), "/update_storage/abc/update_vantor3.sign");
+}
+
+TEST(PackagePathTest, GetPackagePath_EmptyFolderThrows)
+{
+    try {
+        update::GetPackagePath(SessionWithFolder(""));
+        FAIL() << "nothing thrown";
+    } catch (const eka::ResultCodeException& e) {
+        EXPECT_EQ(static_cast<std::uint32_t>(e.result()), 0x80000071u);
+        EXPECT_EQ(e.description(), u"empty package folder");
+        EXPECT_STREQ(e.file(), "shared/update/common/src/common");
+        EXPECT_EQ(e.line(), 54);
+        ASSERT_NE(e.error_info(), nullptr);
+        EXPECT_EQ(e.error_info()->Get(eka::error_info::Result), static_cast<int>(0x80000071u));
     }
 }
 

@@ -34,6 +34,9 @@ ssize_t ReadRandomDevice(int fd, void* buffer, std::size_t size)
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid.hpp>
 
+#include "eka/result_code.h"
+#include "eka/throw.h"
+
 namespace update {
 namespace {
 constexpr const char* kAppListFileName = "appcollectioninfo.nos.vantor.json";
@@ -41,6 +44,11 @@ constexpr const char* kSignatureSuffix = ".sign";
 constexpr const char* kUpdatePrefix = "update_";
 constexpr const char* kProductName = "vantor3";
 constexpr const char* kArchiveSuffix = ".tar.gz";
+
+constexpr const char* kStorageRoot = "/update_storage";
+
+constexpr const char* kFile = "shared/update/common/src/common";
+constexpr int kEmptyFolderLine = 54;
 }  // namespace
 
 std::string GetAppListFileName()
@@ -61,6 +69,16 @@ std::string GetUpdateArchiveName()
 std::string GetUpdateSignatureName()
 {
     return std::string(kUpdatePrefix) + kProductName + kSignatureSuffix;
+}
+
+std::filesystem::path GetPackagePath(const registry::ipc::SessionInfo& info)
+{
+    if (info.path.native().empty())
+        eka::Throw<eka::ResultCodeException>(kFile, kEmptyFolderLine, eka::result::InvalidResult,
+                                             u"empty package folder");
+    std::filesystem::path packagePath(kStorageRoot);
+    packagePath /= info.path;
+    return packagePath;
 }
 
 eka::guid_t GenerateUuid()

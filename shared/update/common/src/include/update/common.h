@@ -10,9 +10,11 @@
 // while the list's signature is; both rules are required as they are.
 #pragma once
 
+#include <filesystem>
 #include <string>
 
 #include "eka/guid.h"
+#include "update/registry/ipc/registry_types.h"
 
 namespace update {
 
@@ -21,6 +23,12 @@ std::string GetAppListFileName();
 std::string GetAppListSignatureName();
 std::string GetUpdateArchiveName();
 std::string GetUpdateSignatureName();
+
+// The session's package directory: "/update_storage" joined with the
+// session's package folder. The folder is taken as it is: an absolute folder
+// replaces the storage root, and ".." is not resolved. An empty folder throws
+// eka::ResultCodeException 0x80000071 "empty package folder".
+std::filesystem::path GetPackagePath(const registry::ipc::SessionInfo& info);
 
 // A random (version 4, RFC 4122 variant) identifier from "/dev/urandom".
 // Throws boost::uuids::entropy_error, whose what() is "open /dev/urandom"
