@@ -2,22 +2,22 @@
 //
 // Each LPS step is 64 lookups into the 16 KiB of combined tables. Compilers
 // spend three integer instructions per index on byte extraction and fold the
-// XOR tree in ways that stall, so the step is written out here:
+// XOR tree in ways that stall, so the whole compression is written out here:
 //   * an input word sits in %rax; its bytes come out two at a time through
-//     %al/%ah, then one shift moves the next pair down (11 instructions for
-//     8 indices);
-//   * six of the eight output words accumulate in XMM registers through VEX
-//     `vpxor mem, x, x`: the 16-byte load fetches the wanted entry in its low
-//     half (the tables carry spare words at their end for the last entry), and
-//     the XOR runs on the vector ports instead of the integer ALUs that the
-//     extraction keeps busy; the other two accumulate in general registers so
-//     that loads are spread over both kinds of load path;
-//   * words 0..3 and 4..7 of the input feed separate accumulator sets, which
-//     halves the XOR chain of each output word.
-// The key schedule and the state path are independent chains. Their steps
-// alternate, the key one round ahead of the state, so each step depends only
-// on the step two places before it and the latency tail of one step overlaps
-// the work of the next.
+//     %al/%ah, then one shift moves the next pair down (11 instructions for 8
+//     indices);
+//   * output words 0..5 accumulate in %xmm0..5 through VEX `vpxor mem, x, x`:
+//     the 16-byte load fetches the wanted entry in its low half (the tables
+//     carry spare words after their end for the last entry) and the XOR runs
+//     on the vector ports, off the integer ALUs that the extraction keeps
+//     busy; words 6 and 7 accumulate in %r10/%r11, which spreads the loads over
+//     the integer load path as well;
+//   * nothing goes through memory between steps: the round key lives packed in
+//     %xmm8..11 and the next state-step input packed in %xmm12..15;
+//   * the key schedule and the state path are independent chains; their steps
+//     alternate with the key one round ahead, so each step depends only on the
+//     step two places before it (plus the key, at its very end) and the latency
+//     tail of one step overlaps the work of the next.
 #include "streebog_compress.h"
 
 #if NDS_HAVE_AVX_IMPL
@@ -27,27 +27,6 @@
 namespace nds::gost {
 namespace {
 
-// C1..C12 followed by a zero row: the key path runs one row past C12 and its
-// result is never used. Spare words let a 16-byte load start at the last one.
-struct alignas(64) PaddedConstants {
-    Block rows[13];
-    std::uint64_t spare[2];
-};
-
-constexpr PaddedConstants MakePaddedConstants() {
-    PaddedConstants p{};
-    for (std::size_t r = 0; r < kC.size(); ++r) {
-        p.rows[r] = kC[r];
-    }
-    return p;
-}
-
-constexpr PaddedConstants kPaddedC = MakePaddedConstants();
-
-// Scratch layout, in 64-bit words: [0, 8) input of the next state step,
-// [8, 16) input of the next key step, [16, 24) the current round key.
-constexpr int kScratchWords = 24;
-
 // clang-format off
 #define NDS_T(j, idx) "2048*" #j "(%[t],%%" idx ",8)"
 #define NDS_V_FIRST(mem, a) "vmovdqu " mem ", %%xmm" a "\n\t"
@@ -55,98 +34,93 @@ constexpr int kScratchWords = 24;
 #define NDS_G_FIRST(mem, g) "movq " mem ", %%" g "\n\t"
 #define NDS_G_NEXT(mem, g) "xorq " mem ", %%" g "\n\t"
 
-// Lookups of input word `j` (loaded from `src`) for all eight output words:
-// outputs 0..5 into %xmm a0..a5, outputs 6 and 7 into %r10 and %r11.
-#define NDS_WORD(V, G, j, src, a0, a1, a2, a3, a4, a5)                           \
-    "movq " src ", %%rax\n\t"                                                    \
-    "movzbl %%al, %%r8d\n\t" "movzbl %%ah, %%esi\n\t" "shrq $16, %%rax\n\t"      \
-    V(NDS_T(j, "r8"), a0) V(NDS_T(j, "rsi"), a1)                                 \
-    "movzbl %%al, %%r9d\n\t" "movzbl %%ah, %%edi\n\t" "shrq $16, %%rax\n\t"      \
-    V(NDS_T(j, "r9"), a2) V(NDS_T(j, "rdi"), a3)                                 \
-    "movzbl %%al, %%r8d\n\t" "movzbl %%ah, %%esi\n\t" "shrq $16, %%rax\n\t"      \
-    V(NDS_T(j, "r8"), a4) V(NDS_T(j, "rsi"), a5)                                 \
-    "movzbl %%al, %%r9d\n\t" "movzbl %%ah, %%edi\n\t"                            \
+// Lookups in table j for the input word in %rax, one per output word.
+#define NDS_LOOKUPS(V, G, j)                                                                \
+    "movzbl %%al, %%r8d\n\t" "movzbl %%ah, %%esi\n\t" "shrq $16, %%rax\n\t"                 \
+    V(NDS_T(j, "r8"), "0") V(NDS_T(j, "rsi"), "1")                                          \
+    "movzbl %%al, %%r9d\n\t" "movzbl %%ah, %%edi\n\t" "shrq $16, %%rax\n\t"                 \
+    V(NDS_T(j, "r9"), "2") V(NDS_T(j, "rdi"), "3")                                          \
+    "movzbl %%al, %%r8d\n\t" "movzbl %%ah, %%esi\n\t" "shrq $16, %%rax\n\t"                 \
+    V(NDS_T(j, "r8"), "4") V(NDS_T(j, "rsi"), "5")                                          \
+    "movzbl %%al, %%r9d\n\t" "movzbl %%ah, %%edi\n\t"                                       \
     G(NDS_T(j, "r9"), "r10") G(NDS_T(j, "rdi"), "r11")
-#define NDS_WORD_(...) NDS_WORD(__VA_ARGS__)
-#define NDS_SET_A "0", "1", "2", "3", "4", "5"
-#define NDS_SET_B "8", "9", "10", "11", "12", "13"
+#define NDS_FIRST(j) NDS_LOOKUPS(NDS_V_FIRST, NDS_G_FIRST, j)
+#define NDS_NEXT(j) NDS_LOOKUPS(NDS_V_NEXT, NDS_G_NEXT, j)
 
-// LPS of the 8 words at byte offset `off` of the scratch area; the result is
-// left in %xmm0..5 (low halves) and %r10, %r11.
-#define NDS_LPS(off)                                                                        \
-    NDS_WORD_(NDS_V_FIRST, NDS_G_FIRST, 0, off "+0(%[x])", NDS_SET_A)                       \
-    NDS_WORD_(NDS_V_FIRST, NDS_G_NEXT, 4, off "+32(%[x])", NDS_SET_B)                       \
-    NDS_WORD_(NDS_V_NEXT, NDS_G_NEXT, 1, off "+8(%[x])", NDS_SET_A)                         \
-    NDS_WORD_(NDS_V_NEXT, NDS_G_NEXT, 5, off "+40(%[x])", NDS_SET_B)                        \
-    NDS_WORD_(NDS_V_NEXT, NDS_G_NEXT, 2, off "+16(%[x])", NDS_SET_A)                        \
-    NDS_WORD_(NDS_V_NEXT, NDS_G_NEXT, 6, off "+48(%[x])", NDS_SET_B)                        \
-    NDS_WORD_(NDS_V_NEXT, NDS_G_NEXT, 3, off "+24(%[x])", NDS_SET_A)                        \
-    NDS_WORD_(NDS_V_NEXT, NDS_G_NEXT, 7, off "+56(%[x])", NDS_SET_B)                        \
-    "vpxor %%xmm8, %%xmm0, %%xmm0\n\t" "vpxor %%xmm9, %%xmm1, %%xmm1\n\t"                   \
-    "vpxor %%xmm10, %%xmm2, %%xmm2\n\t" "vpxor %%xmm11, %%xmm3, %%xmm3\n\t"                 \
-    "vpxor %%xmm12, %%xmm4, %%xmm4\n\t" "vpxor %%xmm13, %%xmm5, %%xmm5\n\t"
+// Input words from a packed register: low or high half.
+#define NDS_LOW(reg) "vmovq %%xmm" reg ", %%rax\n\t"
+#define NDS_HIGH(reg) "vpextrq $1, %%xmm" reg ", %%rax\n\t"
+// Key-step input word: key word ^ C word (at %[c]).
+#define NDS_WITH_C(load, offset) load "xorq " #offset "(%[c]), %%rax\n\t"
 
-// After a state step: next state input = result ^ current key.
-#define NDS_STATE_OUT_V(i)                                          \
-    "vpxor 128+" #i "*8(%[x]), %%xmm" #i ", %%xmm" #i "\n\t"        \
-    "vmovq %%xmm" #i ", " #i "*8(%[x])\n\t"
-#define NDS_STATE_OUT_G(i, g) "xorq 128+" #i "*8(%[x]), %%" g "\n\t" "movq %%" g ", " #i "*8(%[x])\n\t"
-#define NDS_STATE_OUT                                                                         \
-    NDS_STATE_OUT_V(0) NDS_STATE_OUT_V(1) NDS_STATE_OUT_V(2) NDS_STATE_OUT_V(3)               \
-    NDS_STATE_OUT_V(4) NDS_STATE_OUT_V(5) NDS_STATE_OUT_G(6, "r10") NDS_STATE_OUT_G(7, "r11")
+// The 8 result words, packed in pairs into the given registers.
+#define NDS_PACK(d0, d1, d2, d3)                                                            \
+    "vmovq %%r10, %%xmm6\n\t" "vmovq %%r11, %%xmm7\n\t"                                     \
+    "vpunpcklqdq %%xmm1, %%xmm0, %%xmm" d0 "\n\t" "vpunpcklqdq %%xmm3, %%xmm2, %%xmm" d1 "\n\t" \
+    "vpunpcklqdq %%xmm5, %%xmm4, %%xmm" d2 "\n\t" "vpunpcklqdq %%xmm7, %%xmm6, %%xmm" d3 "\n\t"
 
-// After a key step: current key = result; next key input = result ^ C (at %[c]).
-#define NDS_KEY_OUT_V(i)                                            \
-    "vmovq %%xmm" #i ", 128+" #i "*8(%[x])\n\t"                     \
-    "vpxor " #i "*8(%[c]), %%xmm" #i ", %%xmm" #i "\n\t"            \
-    "vmovq %%xmm" #i ", 64+" #i "*8(%[x])\n\t"
-#define NDS_KEY_OUT_G(i, g)                                                      \
-    "movq %%" g ", 128+" #i "*8(%[x])\n\t" "xorq " #i "*8(%[c]), %%" g "\n\t"    \
-    "movq %%" g ", 64+" #i "*8(%[x])\n\t"
-#define NDS_KEY_OUT                                                                   \
-    NDS_KEY_OUT_V(0) NDS_KEY_OUT_V(1) NDS_KEY_OUT_V(2) NDS_KEY_OUT_V(3)               \
-    NDS_KEY_OUT_V(4) NDS_KEY_OUT_V(5) NDS_KEY_OUT_G(6, "r10") NDS_KEY_OUT_G(7, "r11")
+// State step: s = LPS(input); next input = s ^ current key.
+#define NDS_STATE_STEP                                                                      \
+    NDS_LOW("12") NDS_FIRST(0) NDS_HIGH("12") NDS_NEXT(1)                                   \
+    NDS_LOW("13") NDS_NEXT(2) NDS_HIGH("13") NDS_NEXT(3)                                    \
+    NDS_LOW("14") NDS_NEXT(4) NDS_HIGH("14") NDS_NEXT(5)                                    \
+    NDS_LOW("15") NDS_NEXT(6) NDS_HIGH("15") NDS_NEXT(7)                                    \
+    NDS_PACK("12", "13", "14", "15")                                                        \
+    "vpxor %%xmm8, %%xmm12, %%xmm12\n\t" "vpxor %%xmm9, %%xmm13, %%xmm13\n\t"               \
+    "vpxor %%xmm10, %%xmm14, %%xmm14\n\t" "vpxor %%xmm11, %%xmm15, %%xmm15\n\t"
 
-#define NDS_CLOBBERS                                                                          \
-    "rax", "rsi", "rdi", "r8", "r9", "r10", "r11", "memory", "cc", "xmm0", "xmm1", "xmm2",    \
-    "xmm3", "xmm4", "xmm5", "xmm8", "xmm9", "xmm10", "xmm11", "xmm12", "xmm13"
+// Key step: key = LPS(key ^ C).
+#define NDS_KEY_STEP                                                                        \
+    NDS_WITH_C(NDS_LOW("8"), 0) NDS_FIRST(0) NDS_WITH_C(NDS_HIGH("8"), 8) NDS_NEXT(1)       \
+    NDS_WITH_C(NDS_LOW("9"), 16) NDS_NEXT(2) NDS_WITH_C(NDS_HIGH("9"), 24) NDS_NEXT(3)      \
+    NDS_WITH_C(NDS_LOW("10"), 32) NDS_NEXT(4) NDS_WITH_C(NDS_HIGH("10"), 40) NDS_NEXT(5)    \
+    NDS_WITH_C(NDS_LOW("11"), 48) NDS_NEXT(6) NDS_WITH_C(NDS_HIGH("11"), 56) NDS_NEXT(7)    \
+    NDS_PACK("8", "9", "10", "11")
+
+#define NDS_MEMORY_WORD(j) "movq " #j "*8(%[x]), %%rax\n\t"
 // clang-format on
 
 void CompressAvx(std::uint64_t* h, const std::uint64_t* n, const std::uint64_t* m) {
-    alignas(64) std::uint64_t x[kScratchWords];
+    alignas(16) std::uint64_t x[8];
     for (int i = 0; i < 8; ++i) {
-        x[8 + i] = h[i] ^ n[i];
+        x[i] = h[i] ^ n[i];
     }
     const std::uint64_t* t = &kLps.t[0][0];
-    const std::uint64_t* c = kPaddedC.rows[0].data();
-    // K1 = LPS(h ^ N); leaves K1 as the current key and K1 ^ C1 as key input.
-    asm volatile(NDS_LPS("64") NDS_KEY_OUT : : [x] "r"(x), [t] "r"(t), [c] "r"(c) : NDS_CLOBBERS);
-    for (int i = 0; i < 8; ++i) {
-        x[i] = m[i] ^ x[16 + i];
-    }
-    // K2 first, then per round r = 1..11: state step r (uses K_r, mixes in
-    // K_{r+1}) and key step r + 1 (gives K_{r+2}); last, state step 12, which
-    // mixes in K13 and so leaves E(K, m) in x[0..7].
-    c = kPaddedC.rows[1].data();
-    const std::uint64_t* last = kPaddedC.rows[12].data();
+    const std::uint64_t* c = kC[0].data();
+    const std::uint64_t* last = kC[11].data();
+    // K1 = LPS(h ^ N); first state input m ^ K1; K2; then per round r = 1..11
+    // the state step r (mixing in K_{r+1}) and the key step giving K_{r+2};
+    // last the state step 12, which mixes in K13 and so leaves E(K1, m).
     asm volatile(
-        NDS_LPS("64") NDS_KEY_OUT
+        NDS_MEMORY_WORD(0) NDS_FIRST(0) NDS_MEMORY_WORD(1) NDS_NEXT(1)
+        NDS_MEMORY_WORD(2) NDS_NEXT(2) NDS_MEMORY_WORD(3) NDS_NEXT(3)
+        NDS_MEMORY_WORD(4) NDS_NEXT(4) NDS_MEMORY_WORD(5) NDS_NEXT(5)
+        NDS_MEMORY_WORD(6) NDS_NEXT(6) NDS_MEMORY_WORD(7) NDS_NEXT(7)
+        NDS_PACK("8", "9", "10", "11")
+        "vmovdqu 0(%[m]), %%xmm12\n\t" "vpxor %%xmm8, %%xmm12, %%xmm12\n\t"
+        "vmovdqu 16(%[m]), %%xmm13\n\t" "vpxor %%xmm9, %%xmm13, %%xmm13\n\t"
+        "vmovdqu 32(%[m]), %%xmm14\n\t" "vpxor %%xmm10, %%xmm14, %%xmm14\n\t"
+        "vmovdqu 48(%[m]), %%xmm15\n\t" "vpxor %%xmm11, %%xmm15, %%xmm15\n\t"
+        NDS_KEY_STEP
         "addq $64, %[c]\n\t"
         "1:\n\t"
-        NDS_LPS("0") NDS_STATE_OUT
-        NDS_LPS("64") NDS_KEY_OUT
+        NDS_STATE_STEP
+        NDS_KEY_STEP
         "addq $64, %[c]\n\t"
         "cmpq %[last], %[c]\n\t"
         "jbe 1b\n\t"
-        NDS_LPS("0") NDS_STATE_OUT
+        NDS_STATE_STEP
+        "vmovdqu %%xmm12, 0(%[x])\n\t" "vmovdqu %%xmm13, 16(%[x])\n\t"
+        "vmovdqu %%xmm14, 32(%[x])\n\t" "vmovdqu %%xmm15, 48(%[x])\n\t"
         : [c] "+r"(c)
-        : [x] "r"(x), [t] "r"(t), [last] "m"(last)
-        : NDS_CLOBBERS);
+        : [x] "r"(x), [t] "r"(t), [m] "r"(m), [last] "m"(last)
+        : "rax", "rsi", "rdi", "r8", "r9", "r10", "r11", "memory", "cc", "xmm0", "xmm1", "xmm2", "xmm3",
+          "xmm4", "xmm5", "xmm6", "xmm7", "xmm8", "xmm9", "xmm10", "xmm11", "xmm12", "xmm13", "xmm14",
+          "xmm15");
     for (int i = 0; i < 8; ++i) {
         h[i] ^= x[i] ^ m[i];
     }
 }
-
 
 }  // namespace
 

@@ -1,8 +1,10 @@
 // Compression function of GOST R 34.11-2012 and its implementations.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace nds::gost {
 
@@ -61,17 +63,13 @@ inline void AddSmall512(std::uint64_t* acc, std::uint64_t v) {
     }
 }
 
-inline std::uint64_t LoadLe64(const std::uint8_t* p) {
-    std::uint64_t v = 0;
-    for (int i = 7; i >= 0; --i) {
-        v = (v << 8) | p[i];
-    }
-    return v;
-}
-
+// Message bytes are little-endian words.
 inline void LoadBlock(std::uint64_t* m, const std::uint8_t* p) {
-    for (int i = 0; i < 8; ++i) {
-        m[i] = LoadLe64(p + 8 * i);
+    std::memcpy(m, p, 64);
+    if constexpr (std::endian::native == std::endian::big) {
+        for (int i = 0; i < 8; ++i) {
+            m[i] = __builtin_bswap64(m[i]);
+        }
     }
 }
 
