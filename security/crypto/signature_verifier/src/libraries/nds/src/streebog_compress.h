@@ -44,6 +44,16 @@ ImplList UsableImpls();
 
 // 512-bit helpers shared by the implementations.
 inline void Add512(std::uint64_t* acc, const std::uint64_t* v) {
+#if defined(__SIZEOF_INT128__)
+    // Lets the compiler emit one add-with-carry chain.
+    __extension__ using Wide = unsigned __int128;
+    Wide carry = 0;
+    for (int i = 0; i < 8; ++i) {
+        carry += static_cast<Wide>(acc[i]) + v[i];
+        acc[i] = static_cast<std::uint64_t>(carry);
+        carry >>= 64;
+    }
+#else
     std::uint64_t carry = 0;
     for (int i = 0; i < 8; ++i) {
         const std::uint64_t a = acc[i];
@@ -52,6 +62,7 @@ inline void Add512(std::uint64_t* acc, const std::uint64_t* v) {
         carry = static_cast<std::uint64_t>(s < a) | static_cast<std::uint64_t>(r < s);
         acc[i] = r;
     }
+#endif
 }
 
 inline void AddSmall512(std::uint64_t* acc, std::uint64_t v) {
