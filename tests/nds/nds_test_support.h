@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -57,6 +58,52 @@ inline Bytes GcryptDigest(const std::uint8_t* data, std::size_t n, unsigned bits
 inline Bytes GcryptDigest(const Bytes& data, unsigned bits) {
     return GcryptDigest(data.data(), data.size(), bits);
 }
+
+// A PE32 or PE32+ image: headers that the format-aware hasher recognises,
+// random bytes elsewhere.
+struct PeImage {
+    bool plus = false;
+    std::uint32_t header_offset = 0x80;
+    std::uint32_t directories = 16;
+    std::uint32_t checksum = 0x1234ABCD;
+    std::uint64_t certificate = 0x0000010000004000ULL;  // size << 32 | offset
+    std::size_t total = 4096;
+    std::uint64_t seed = 11;
+
+    std::size_t OptionalOffset() const { return header_offset + 24; }
+    std::size_t DirectoriesOffset() const { return OptionalOffset() + (plus ? 112 : 96); }
+    std::size_t HeadersEnd() const { return DirectoriesOffset() + 8 * directories; }
+
+    Bytes Build() const {
+        Bytes b = RandomBytes(total, seed);
+        auto put16 = [&](std::size_t at, std::uint16_t v) { std::memcpy(&b[at], &v, 2); };
+        auto put32 = [&](std::size_t at, std::uint32_t v) { std::memcpy(&b[at], &v, 4); };
+        b[0] = 'M';
+        b[1] = 'Z';
+        put16(24, 0x40);
+        put32(60, header_offset);
+        std::memcpy(&b[header_offset], "PE\0\0", 4);
+        put16(header_offset + 4 + 16, static_cast<std::uint16_t>(HeadersEnd() - OptionalOffset()));
+        const std::size_t o = OptionalOffset();
+        put16(o, plus ? 0x20B : 0x10B);
+        put32(o + 64, checksum);
+        put32(o + (plus ? 108 : 92), directories);
+        if (directories > 4) {
+            std::memcpy(&b[DirectoriesOffset() + 32], &certificate, 8);
+        }
+        return b;
+    }
+
+    // The image as the format-aware hasher must see it.
+    Bytes Blanked() const {
+        Bytes b = Build();
+        std::memset(&b[OptionalOffset() + 64], 0, 4);
+        if (directories > 4) {
+            std::memset(&b[DirectoriesOffset() + 32], 0, 8);
+        }
+        return b;
+    }
+};
 
 // Keeps one library reference for the lifetime of a test.
 class LibraryTest : public ::testing::Test {
