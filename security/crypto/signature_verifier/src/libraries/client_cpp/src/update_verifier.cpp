@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <exception>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 
@@ -36,6 +35,8 @@ constexpr int kLineHashValue = 142;
 
 // Files are hashed in pieces of at most this size.
 constexpr std::streamoff kReadChunk = 0x4000000;
+// Whole files are read through a buffer of this size.
+constexpr std::size_t kReadPiece = 64 * 1024;
 // Room given for the digest: the largest hash the entity accepts.
 constexpr std::size_t kHashReserve = 512;
 // GOST R 34.11-2012, 256 bits: the algorithm of the hash contexts.
@@ -123,8 +124,13 @@ std::vector<std::uint8_t> ReadWholeFile(const std::filesystem::path& path)
 {
     SizedFile file = OpenSizedFile(path);
     CheckOpened(file);
+    // Everything the stream buffer gives up to the end of the file; the size
+    // found at opening is not relied on.
     std::vector<std::uint8_t> bytes;
-    bytes.insert(bytes.end(), std::istreambuf_iterator<char>(file.stream), std::istreambuf_iterator<char>());
+    std::streambuf& input = *file.stream.rdbuf();
+    char piece[kReadPiece];
+    for (std::streamsize got; (got = input.sgetn(piece, sizeof piece)) > 0;)
+        bytes.insert(bytes.end(), piece, piece + got);
     if (file.stream.bad() || file.stream.fail())
         ThrowCheckFailed(kLineReadFailed, u"fail to read file file");
     return bytes;
