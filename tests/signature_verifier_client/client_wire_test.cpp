@@ -9,7 +9,6 @@
 #include <sstream>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -19,6 +18,7 @@
 #include <signature_verifier/signature_verifier_idl.h>
 
 #include "support.h"
+#include "wire_requests.h"
 
 namespace signature_verifier::client::testing {
 namespace {
@@ -113,19 +113,10 @@ std::string WithoutPlatformLines(const std::string& log)
     return kept;
 }
 
-// A descriptor as (offset, length), which gtest compares and prints.
-using DescPair = std::pair<std::uint32_t, std::uint32_t>;
-
-DescPair Pair(const nk_arena_desc& d)
+ByteVector Bytes(const void* data, std::size_t size)
 {
-    return {d.offset, d.size};
-}
-
-ByteVector Concat(const ByteVector& a, const ByteVector& b)
-{
-    ByteVector both = a;
-    both.insert(both.end(), b.begin(), b.end());
-    return both;
+    const auto* bytes = static_cast<const std::uint8_t*>(data);
+    return ByteVector(bytes, bytes + size);
 }
 
 class ClientWireTest : public ClientTest {
@@ -146,134 +137,58 @@ protected:
         ClientTest::TearDown();
     }
 
-    FakeEntity::Received OnlyRequest()
-    {
-        const auto requests = entity->Requests();
-        EXPECT_EQ(requests.size(), 1u);
-        return requests.empty() ? FakeEntity::Received{} : requests.back();
-    }
-
     std::unique_ptr<FakeEntity> entity;
     void* ctx = nullptr;
     const ByteVector data = host::testing::ToBytes("package bytes");
     const ByteVector signature = host::testing::ToBytes("signature!");
 };
 
-void ExpectHeader(const nk_message& header, std::uint16_t mid, std::uint32_t size)
+// Each request as it reaches the entity, compared byte for byte with the
+// request the entity's own tests build from the wire definitions.
+TEST_F(ClientWireTest, Requests_LayoutOnTheWire)
 {
-    EXPECT_EQ(header.riid, 1u);
-    EXPECT_EQ(header.mid, mid);
-    EXPECT_EQ(header.size, size) << "size word, flags clear";
-    EXPECT_EQ(ByteVector(header.reserved, header.reserved + sizeof header.reserved), ByteVector(16, 0));
-}
-
-TEST_F(ClientWireTest, CheckBuffer_Layout)
-{
-    ASSERT_EQ(signature_verifier_check_buffer(ctx, data.data(), data.size(), signature.data(), signature.size()), 0);
-    const auto sent = OnlyRequest();
-    ExpectHeader(sent.message.base, 0, 40);
-    EXPECT_EQ(Pair(sent.message.check_buffer.data), DescPair(0, 13));
-    EXPECT_EQ(Pair(sent.message.check_buffer.signature), DescPair(13, 10));
-    EXPECT_EQ(sent.arena, Concat(data, signature)) << "data, then the signature right behind it";
-}
-
-TEST_F(ClientWireTest, CheckBuffer_NoData_EmptyDescriptor)
-{
-    ASSERT_EQ(signature_verifier_check_buffer(ctx, nullptr, 0, signature.data(), signature.size()), 0);
-    const auto sent = OnlyRequest();
-    EXPECT_EQ(Pair(sent.message.check_buffer.data), DescPair(0, 0));
-    EXPECT_EQ(Pair(sent.message.check_buffer.signature), DescPair(0, 10));
-    EXPECT_EQ(sent.arena, signature);
-}
-
-TEST_F(ClientWireTest, CheckHashValue_LayoutAndLargestHash)
-{
+    using namespace host::testing;
     const ByteVector hash(512, 0x5C);
-    ASSERT_EQ(signature_verifier_check_hash_value(ctx, 7, hash.data(), hash.size(), signature.data(), signature.size()),
-              0)
-        << "a 512-byte hash is sent, and the algorithm as given";
-    const auto sent = OnlyRequest();
-    ExpectHeader(sent.message.base, 1, 48);
-    const auto* raw = reinterpret_cast<const std::uint8_t*>(&sent.message);
-    EXPECT_EQ(ByteVector(raw + 24, raw + 28), (ByteVector{7, 0, 0, 0}));
-    EXPECT_EQ(Pair(sent.message.check_hash.hash), DescPair(0, 512));
-    EXPECT_EQ(Pair(sent.message.check_hash.signature), DescPair(512, 10));
-    EXPECT_EQ(ByteVector(raw + 44, raw + 48), ByteVector(4, 0));
-    EXPECT_EQ(sent.arena, Concat(hash, signature));
-}
-
-TEST_F(ClientWireTest, OneBlobRequests_Layout)
-{
-    const ByteVector blob = host::testing::ToBytes("DER bytes");
+    const ByteVector blob = ToBytes("DER bytes");
     struct Case {
-        std::uint16_t mid;
+        const char* name;
         std::function<int()> call;
-        ByteVector arena;
+        WireRequest expected;
     };
     const std::vector<Case> cases = {
-        {2, [&] { return signature_verifier_add_root_certificate(ctx, blob.data(), blob.size()); }, blob},
-        {3, [&] { return signature_verifier_revoke_root_certificate(ctx, blob.data(), blob.size()); }, blob},
-        {4, [&] { return signature_verifier_set_crl_blob(ctx, blob.data(), blob.size()); }, blob},
-        {4, [&] { return signature_verifier_set_crl_blob(ctx, nullptr, 0); }, {}},
+        {"check_buffer",
+         [&] { return signature_verifier_check_buffer(ctx, data.data(), data.size(), signature.data(), signature.size()); },
+         CheckBufferRequest(data, signature)},
+        {"check_buffer without data",
+         [&] { return signature_verifier_check_buffer(ctx, nullptr, 0, signature.data(), signature.size()); },
+         CheckBufferRequest({}, signature)},
+        {"check_hash_value, largest hash, algorithm as given",
+         [&] {
+             return signature_verifier_check_hash_value(ctx, 7, hash.data(), hash.size(), signature.data(),
+                                                        signature.size());
+         },
+         CheckHashRequest(7, hash, signature)},
+        {"add_root_certificate", [&] { return signature_verifier_add_root_certificate(ctx, blob.data(), blob.size()); },
+         OneBlobRequest(nv_SignatureVerifier_AddRootCertificate_mid, blob)},
+        {"revoke_root_certificate",
+         [&] { return signature_verifier_revoke_root_certificate(ctx, blob.data(), blob.size()); },
+         OneBlobRequest(nv_SignatureVerifier_RevokeRootCertificate_mid, blob)},
+        {"set_crl_blob", [&] { return signature_verifier_set_crl_blob(ctx, blob.data(), blob.size()); },
+         OneBlobRequest(nv_SignatureVerifier_SetCRLBlob_mid, blob)},
+        {"set_crl_blob without a list", [&] { return signature_verifier_set_crl_blob(ctx, nullptr, 0); },
+         OneBlobRequest(nv_SignatureVerifier_SetCRLBlob_mid, {})},
     };
     for (const Case& c : cases)
-        ASSERT_EQ(c.call(), 0) << "method " << c.mid;
+        ASSERT_EQ(c.call(), 0) << c.name;
     const auto requests = entity->Requests();
     ASSERT_EQ(requests.size(), cases.size());
     for (std::size_t i = 0; i < cases.size(); ++i) {
-        SCOPED_TRACE("request " + std::to_string(i));
-        ExpectHeader(requests[i].message.base, cases[i].mid, 32);
-        EXPECT_EQ(Pair(requests[i].message.set_crl_blob.crl), DescPair(0, static_cast<std::uint32_t>(cases[i].arena.size())));
-        EXPECT_EQ(requests[i].arena, cases[i].arena);
+        nv_SignatureVerifier_req expected = cases[i].expected.message;
+        expected.base.riid = 1;
+        EXPECT_EQ(Bytes(&requests[i].message, sizeof expected), Bytes(&expected, sizeof expected)) << cases[i].name;
+        const nk_arena& arena = cases[i].expected.arena;
+        EXPECT_EQ(requests[i].arena, Bytes(arena.start, nk_arena_used(&arena))) << cases[i].name;
     }
-}
-
-TEST_F(ClientWireTest, Requests_ErrorReply_NegativeCodeAndMethodText)
-{
-    const std::uint8_t hash[32] = {};
-    struct Case {
-        std::function<int()> call;
-        std::string log;
-    };
-    const std::vector<Case> cases = {
-        {[&] { return signature_verifier_check_buffer(ctx, data.data(), data.size(), signature.data(), 3); },
-         "signature_verifier_check_buffer: nv_SignatureVerifier_CheckBuffer, invalid completion code 1\n"},
-        {[&] { return signature_verifier_check_hash_value(ctx, 1, hash, sizeof hash, signature.data(), 3); },
-         "signature_verifier_check_hash_value: nv_SignatureVerifier_CheckHash, invalid completion code 1\n"},
-        {[&] { return signature_verifier_add_root_certificate(ctx, data.data(), data.size()); },
-         "signature_verifier_add_root_certificate: nv_SignatureVerifier_AddRootCertificate, invalid completion code "
-         "1\n"},
-        {[&] { return signature_verifier_revoke_root_certificate(ctx, hash, sizeof hash); },
-         "signature_verifier_revoke_root_certificate: nv_SignatureVerifier_RevokeRootCertificate, invalid completion "
-         "code 1\n"},
-        {[&] { return signature_verifier_set_crl_blob(ctx, nullptr, 0); },
-         "signature_verifier_set_crl_blob: nv_SignatureVerifier_SetCRLBlob, invalid completion code 1\n"},
-    };
-    entity->Set(FakeEntity::Answer::Error, 1);
-    for (const Case& c : cases) {
-        const Logged result = RunLogged(c.call);
-        EXPECT_EQ(result.status, -49152) << c.log;
-        EXPECT_EQ(result.log, c.log);
-    }
-}
-
-TEST_F(ClientWireTest, CheckHash_HashContext_SendsItsDigestAndTurnsRefusalInto14)
-{
-    void* hash = nullptr;
-    ASSERT_EQ(signature_verifier_hash_create(&hash), 0);
-    ASSERT_EQ(signature_verifier_hash_buffer(hash, data.data(), data.size()), 0);
-    entity->Set(FakeEntity::Answer::Error, 1);
-    const Logged refused =
-        RunLogged([&] { return signature_verifier_check_hash(ctx, hash, signature.data(), signature.size()); });
-    EXPECT_EQ(refused.status, 14);
-    EXPECT_EQ(refused.log,
-              "signature_verifier_check_hash_value: nv_SignatureVerifier_CheckHash, invalid completion code 1\n"
-              "signature_verifier_check_hash: can't check hash value: -49152\n");
-    const auto sent = OnlyRequest();
-    EXPECT_EQ(sent.message.check_hash.algorithm, 1u);
-    EXPECT_EQ(Pair(sent.message.check_hash.hash), DescPair(0, 32));
-    EXPECT_EQ(sent.arena, Concat(host::testing::Streebog256(data), signature));
-    EXPECT_EQ(signature_verifier_hash_close(hash), 0);
 }
 
 TEST_F(ClientWireTest, CheckBuffer_LeftUnanswered_TransportCodeThenBroken)
