@@ -20,6 +20,7 @@
 #include "eka/exception.h"
 #include "eka/result_code.h"
 #include "nos/logger/nos_logger.h"
+#include "command_line.h"
 #include "session_text.h"
 #include "update/registry/ipc/proxy.h"
 
@@ -62,10 +63,7 @@ Exit status: 0 success; 1 the call failed, its code printed on standard
 error as 0x%08x with its message; 2 bad command line.
 )";
 
-class UsageError : public std::invalid_argument {
-public:
-    using std::invalid_argument::invalid_argument;
-};
+using update_registry::UsageError;
 
 json SessionJson(const SessionInfo& s)
 {
@@ -100,12 +98,17 @@ struct CommandSpec {
     std::function<Call(const std::vector<std::string>&)> bind;
 };
 
-// Prints the handle when the call succeeded.
-int PrintHandle(int rc, unsigned int handle)
+// A call that answers a handle, printed when the call succeeded.
+template <typename Ask>
+Call HandleCall(Ask ask)
 {
-    if (!eka::Failed(rc))
-        std::printf("%u\n", handle);
-    return rc;
+    return [ask](IRegistry& r) {
+        unsigned int handle = 0;
+        const int rc = ask(r, handle);
+        if (!eka::Failed(rc))
+            std::printf("%u\n", handle);
+        return rc;
+    };
 }
 
 const std::map<std::string_view, CommandSpec>& Commands()
@@ -116,11 +119,7 @@ const std::map<std::string_view, CommandSpec>& Commands()
          {1,
           [](const Args& a) -> Call {
               const auto type = Parse(update_registry::PackageTypeFromText(a[0]), "package type", a[0]);
-              return [type](IRegistry& r) {
-                  unsigned int handle = 0;
-                  const int rc = r.Open(type, handle);
-                  return PrintHandle(rc, handle);
-              };
+              return HandleCall([type](IRegistry& r, unsigned int& handle) { return r.Open(type, handle); });
           }}},
         {"close",
          {1,
@@ -147,11 +146,7 @@ const std::map<std::string_view, CommandSpec>& Commands()
          {1,
           [](const Args& a) -> Call {
               const eka::guid_t id = Parse(update_registry::GuidFromText(a[0]), "id", a[0]);
-              return [id](IRegistry& r) {
-                  unsigned int handle = 0;
-                  const int rc = r.GetHandle(id, handle);
-                  return PrintHandle(rc, handle);
-              };
+              return HandleCall([id](IRegistry& r, unsigned int& handle) { return r.GetHandle(id, handle); });
           }}},
         {"set-state",
          {2,
@@ -193,33 +188,29 @@ struct Invocation {
 Invocation ParseCommandLine(int argc, char** argv)
 {
     Invocation invocation;
-    int i = 1;
-    for (; i < argc && argv[i][0] == '-'; ++i) {
-        const std::string_view arg = argv[i];
-        const auto value = [&]() -> std::string {
-            if (i + 1 >= argc || argv[i + 1][0] == '\0')
-                throw UsageError(std::string(arg) + " needs a value");
-            return argv[++i];
-        };
+    update_registry::ArgumentReader args(argc, argv);
+    while (args.AtOption()) {
+        const std::string arg = args.Next();
         if (arg == "-h" || arg == "--help")
             invocation.help = true;
         else if (arg == "--connection")
-            invocation.connection = value();
+            invocation.connection = args.Value(arg);
         else if (arg == "--endpoint")
-            invocation.endpoint = value();
+            invocation.endpoint = args.Value(arg);
         else
-            throw UsageError("unknown option '" + std::string(arg) + "'");
+            throw UsageError("unknown option '" + arg + "'");
     }
     if (invocation.help)
         return invocation;
-    if (i >= argc)
+    if (args.Done())
         throw UsageError("no command");
-    const auto found = Commands().find(argv[i]);
+    const std::string name = args.Next();
+    const auto found = Commands().find(name);
     if (found == Commands().end())
-        throw UsageError("unknown command '" + std::string(argv[i]) + "'");
-    const std::vector<std::string> arguments(argv + i + 1, argv + argc);
+        throw UsageError("unknown command '" + name + "'");
+    const std::vector<std::string> arguments = args.Rest();
     if (arguments.size() != found->second.arguments)
-        throw UsageError(std::string(argv[i]) + " takes " + std::to_string(found->second.arguments) + " argument(s)");
+        throw UsageError(name + " takes " + std::to_string(found->second.arguments) + " argument(s)");
     invocation.call = found->second.bind(arguments);
     return invocation;
 }

@@ -24,6 +24,7 @@
 #include <nos/platform.h>
 #include <nos_host/host.h>
 
+#include "command_line.h"
 #include "host_registry.h"
 #include "nos/logger/nos_logger.h"
 #include "update/registry/ipc/dispatcher.h"
@@ -63,28 +64,23 @@ struct Options {
     bool help = false;
 };
 
-// Throws std::invalid_argument with the reason.
 Options ParseOptions(int argc, char** argv)
 {
     Options options;
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view arg = argv[i];
-        const auto value = [&]() -> std::string {
-            if (i + 1 >= argc || argv[i + 1][0] == '\0')
-                throw std::invalid_argument(std::string(arg) + " needs a value");
-            return argv[++i];
-        };
+    update_registry::ArgumentReader args(argc, argv);
+    while (!args.Done()) {
+        const std::string arg = args.Next();
         if (arg == "-h" || arg == "--help")
             options.help = true;
         else if (arg == "--storage")
-            options.storage = value();
+            options.storage = args.Value(arg);
         else if (arg == "--state")
-            options.state = value();
+            options.state = args.Value(arg);
         else
-            throw std::invalid_argument("unknown argument '" + std::string(arg) + "'");
+            throw update_registry::UsageError("unknown argument '" + arg + "'");
     }
     if (!options.help && !options.storage)
-        throw std::invalid_argument("--storage is required");
+        throw update_registry::UsageError("--storage is required");
     return options;
 }
 
@@ -225,7 +221,7 @@ int main(int argc, char** argv)
     Options options;
     try {
         options = ParseOptions(argc, argv);
-    } catch (const std::invalid_argument& e) {
+    } catch (const update_registry::UsageError& e) {
         std::fprintf(stderr, "update-registry: %s\n%s", e.what(), kUsage);
         return kExitUsage;
     }
