@@ -61,7 +61,7 @@ const char* GostHash_Implementation(void);
  * Public key: 64 bytes, X then Y, each 32 bytes big-endian.
  * Signature:  64 bytes, s then r, each 32 bytes big-endian.
  * Digest:     1 to 64 bytes, read as a big-endian integer e (reduced mod q;
- *             0 is taken as 1, as the standard says).
+ *             a zero remainder is taken as 1).
  */
 int GostSign_ContextSize(int parameter_set, size_t* size);
 int GostSign_Init(void* ctx, size_t ctx_size, int parameter_set);
