@@ -1,8 +1,10 @@
 // The proxy against the real update-registry process.
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -116,6 +118,34 @@ TEST_F(ProxyRegistryTest, AllCalls_UnknownHandleOrIdIsNotFound)
     EXPECT_EQ(m_proxy->Close(0xFFFFFFFF), kNotFound);
     // Registry failures are the caller's to report: the client logs nothing.
     EXPECT_TRUE(m_sink->Take().empty());
+}
+
+TEST_F(ProxyRegistryTest, AllCalls_ThreadsShareOneProxy)
+{
+    unsigned int handle = 0;
+    ASSERT_EQ(m_proxy->Open(PackageType::AppList, handle), 0);
+    SessionInfo expected;
+    ASSERT_EQ(m_proxy->GetInfo(handle, expected), 0);
+
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 25;
+    std::atomic<int> mismatches{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < kRounds; ++i) {
+                SessionInfo info;
+                std::vector<SessionInfo> sessions;
+                unsigned int found = 0;
+                if (m_proxy->GetInfo(handle, info) != 0 || !(info == expected) || m_proxy->GetSessions(sessions) != 0 ||
+                    sessions.size() != 1 || m_proxy->GetHandle(expected.id, found) != 0 || found != handle)
+                    ++mismatches;
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(mismatches.load(), 0);
 }
 
 TEST_F(ProxyRegistryTest, Restart_StateFileKeepsEverySessionAndHandle)
