@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <cstring>
 #include <optional>
-#include <utility>
 
 #include "common/utils/manage_exception.h"
 #include "eka/exception.h"
@@ -24,9 +23,9 @@ namespace {
 using wire::SetHeader;
 
 constexpr const char* kFile = "shared/updater_pdk/registry_api/src/proxy";
-// Fixed locations of the logged failures.
-// Transport failures, indexed by Method: Open, Close, GetSessions,
-// GetHandle, SetState, GetInfo.
+// Fixed locations of the transport failures, indexed by Method (Open,
+// Close, GetSessions, GetHandle, SetState, GetInfo), and of a session list
+// out of bounds.
 constexpr std::array<int, kMethodCount> kTransportFailLines{31, 51, 70, 99, 119, 140};
 constexpr int kGetSessionsArenaLine = 74;
 
@@ -110,7 +109,8 @@ int Proxy::Call(Method method, std::size_t arenaSize, Prepare&& prepare, Decode&
             mapped.emplace(arenaSize);
         nk_arena* arena = mapped ? &mapped->arena() : nullptr;
 
-        const Retcode rc = m_client.transport->ops->call(m_client.transport, &request.base_, nullptr, &response.base_, arena);
+        NkNosTransport* const transport = m_client.transport;
+        const Retcode rc = transport->ops->call(transport, &request.base_, nullptr, &response.base_, arena);
         if (rc != NK_EOK)
             eka::Throw(kFile, kTransportFailLines[static_cast<std::size_t>(method)],
                        eka::CheckFailedException(u"transport fail: ") << rc);

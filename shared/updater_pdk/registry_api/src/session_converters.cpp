@@ -52,8 +52,9 @@ nv_IUpdateRegistry_SessionInfo FromSessionInfo(const SessionInfo& info, nk_arena
     const auto current = reinterpret_cast<std::uintptr_t>(arena.current);
     const auto end = reinterpret_cast<std::uintptr_t>(arena.end);
     std::uintptr_t after = 0;
-    if (text.size() > std::numeric_limits<std::uint32_t>::max() || current < start || !Add(current, text.size(), after) ||
-        after > end || current - start > std::numeric_limits<std::uint32_t>::max())
+    constexpr std::uint64_t kMax32 = std::numeric_limits<std::uint32_t>::max();
+    if (text.size() > kMax32 || current < start || !Add(current, text.size(), after) || after > end ||
+        current - start > kMax32)
         throw std::bad_alloc();
     std::uint8_t* const place = arena.current;
     arena.current += text.size();
