@@ -35,11 +35,7 @@ constexpr std::uint16_t kRiid = 3;
 template <typename Req>
 Req Request(Method method, std::uint32_t sizeWord)
 {
-    Req request{};
-    request.base_.riid = kRiid;
-    request.base_.mid = static_cast<std::uint16_t>(method);
-    request.base_.size = sizeWord;
-    return request;
+    return registry_test::WithHeader<Req>(kRiid, method, sizeWord);
 }
 
 nk_handle_desc HandleDesc(std::uint32_t handle) { return {handle, 1, 0xFFFFFFFFu}; }

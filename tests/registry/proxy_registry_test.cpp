@@ -22,15 +22,12 @@ constexpr const char* kChannel = "update_registry";
 constexpr const char* kEndpoint = "UpdateRegistry.UpdateRegistry";
 constexpr int kNotFound = static_cast<int>(0x8000004Cu);
 
-class ProxyRegistryTest : public logger_test::RootCaptureTest {
+class ProxyRegistryTest : public registry_test::InRuntimeDir<logger_test::RootCaptureTest> {
 protected:
-    static void SetUpTestSuite() { s_runtime = std::make_unique<registry_test::RuntimeDir>(); }
-    static void TearDownTestSuite() { s_runtime.reset(); }
-
     void SetUp() override
     {
         RootCaptureTest::SetUp();
-        m_dir = s_runtime->path() / ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        m_dir = Runtime().path() / ::testing::UnitTest::GetInstance()->current_test_info()->name();
         fs::create_directories(m_dir);
         Restart();
     }
@@ -51,13 +48,10 @@ protected:
         m_sink->Take();  // the connection's own info line
     }
 
-    static std::unique_ptr<registry_test::RuntimeDir> s_runtime;
     fs::path m_dir;
     std::unique_ptr<registry_test::RegistryProcess> m_registry;
     std::unique_ptr<IRegistry> m_proxy;
 };
-
-std::unique_ptr<registry_test::RuntimeDir> ProxyRegistryTest::s_runtime;
 
 TEST_F(ProxyRegistryTest, AllCalls_SessionLifecycle)
 {

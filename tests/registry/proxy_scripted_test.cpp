@@ -27,11 +27,7 @@ constexpr std::uint16_t kRiid = 1;  // the registry endpoint is the second one
 template <typename Res>
 Res Answer(Method method, std::uint32_t sizeWord)
 {
-    Res response{};
-    response.base_.riid = kRiid;
-    response.base_.mid = static_cast<std::uint16_t>(method);
-    response.base_.size = sizeWord;
-    return response;
+    return registry_test::WithHeader<Res>(kRiid, method, sizeWord);
 }
 
 nv_IUpdateRegistry_Open_res OpenAnswer(std::uint32_t handleField, std::uint32_t result)
@@ -101,11 +97,8 @@ Bytes Message(std::uint8_t mid, std::uint32_t sizeWord, const Bytes& body)
 
 const Bytes kHandle42Desc{0x42, 0, 0, 0, 1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0};
 
-class ProxyScriptedTest : public logger_test::RootCaptureTest {
+class ProxyScriptedTest : public registry_test::InRuntimeDir<logger_test::RootCaptureTest> {
 protected:
-    static void SetUpTestSuite() { s_runtime = std::make_unique<registry_test::RuntimeDir>(); }
-    static void TearDownTestSuite() { s_runtime.reset(); }
-
     void SetUp() override
     {
         RootCaptureTest::SetUp();
@@ -124,12 +117,9 @@ protected:
         EXPECT_EQ(records[0].text, text);
     }
 
-    static std::unique_ptr<registry_test::RuntimeDir> s_runtime;
     std::unique_ptr<registry_test::ScriptedServer> m_server;
     std::unique_ptr<IRegistry> m_proxy;
 };
-
-std::unique_ptr<registry_test::RuntimeDir> ProxyScriptedTest::s_runtime;
 
 TEST_F(ProxyScriptedTest, Calls_SendExactRequestsAndReadAnswers)
 {

@@ -14,14 +14,11 @@ namespace {
 namespace fs = std::filesystem;
 using registry_test::RunResult;
 
-class RegistryCliTest : public ::testing::Test {
+class RegistryCliTest : public registry_test::InRuntimeDir<::testing::Test> {
 protected:
-    static void SetUpTestSuite() { s_runtime = std::make_unique<registry_test::RuntimeDir>(); }
-    static void TearDownTestSuite() { s_runtime.reset(); }
-
     void SetUp() override
     {
-        m_dir = s_runtime->path() / ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        m_dir = Runtime().path() / ::testing::UnitTest::GetInstance()->current_test_info()->name();
         fs::create_directories(m_dir);
         m_registry = std::make_unique<registry_test::RegistryProcess>(m_dir);
     }
@@ -39,12 +36,9 @@ protected:
         return registry_test::Run(args, m_dir);
     }
 
-    static std::unique_ptr<registry_test::RuntimeDir> s_runtime;
     fs::path m_dir;
     std::unique_ptr<registry_test::RegistryProcess> m_registry;
 };
-
-std::unique_ptr<registry_test::RuntimeDir> RegistryCliTest::s_runtime;
 
 TEST_F(RegistryCliTest, Commands_DriveEveryCall)
 {

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "child_process.h"
+#include "update/registry/ipc/registry_types.h"
 
 namespace registry_test {
 
@@ -26,6 +27,17 @@ Bytes BytesOf(const T& value)
 {
     const auto* p = reinterpret_cast<const std::uint8_t*>(&value);
     return Bytes(p, p + sizeof(value));
+}
+
+// A message of the registry interface with its header filled in.
+template <typename Message>
+Message WithHeader(std::uint16_t riid, update::registry::ipc::Method method, std::uint32_t sizeWord)
+{
+    Message message{};
+    message.base_.riid = riid;
+    message.base_.mid = static_cast<std::uint16_t>(method);
+    message.base_.size = sizeWord;
+    return message;
 }
 
 // A fresh directory used as NOS_RUNTIME_DIR (and a bounded call time, so a
@@ -41,6 +53,18 @@ public:
 
 private:
     std::filesystem::path m_path;
+};
+
+// Gives a test suite one runtime directory of its own.
+template <typename Base>
+class InRuntimeDir : public Base {
+protected:
+    static void SetUpTestSuite() { s_runtime = std::make_unique<RuntimeDir>(); }
+    static void TearDownTestSuite() { s_runtime.reset(); }
+    static const RuntimeDir& Runtime() { return *s_runtime; }
+
+private:
+    static inline std::unique_ptr<RuntimeDir> s_runtime;
 };
 
 // What the scripted server answers to the next request.
