@@ -1,0 +1,58 @@
+// The steps the two verifiers share, and the throwing bodies of their Verify
+// operations. Every throw records the source file and line that the caller
+// names: they are part of each verifier's contract, whatever file the code
+// lives in.
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include <fmt/format.h>
+#include <signature_verifier/update_verifier.h>
+
+#include "common/utils/manage_exception.h"
+#include "update/registry/ipc/registry.h"
+
+namespace update::verifier::detail {
+
+// Throws eka::ResultCodeException 0x80000046 "invalid handle" at (file, line)
+// for the no-handle value 0xFFFFFFFF.
+void RequireHandle(unsigned int handle, const char* file, int line);
+
+// The registry's record of the session. A failing result throws
+// eka::CheckResultFailedException carrying it, described as "Expression
+// failed" followed by "failed get info from session registry".
+update::registry::ipc::SessionInfo GetSession(const update::registry::ipc::IRegistry& registry, unsigned int handle,
+                                              const char* file, int line);
+
+// Whether anything, of any type (a directory too), is at `path`. A status
+// that cannot be read (permission denied, a symbolic-link loop) counts as
+// absent: such a file could not be checked anyway.
+bool Exists(const std::filesystem::path& path) noexcept;
+
+// Throws eka::ResultCodeException 0x80000046 at (file, line), described by
+// `text` formatted with the path's native text, unless `path` exists.
+void RequireExists(const std::filesystem::path& path, fmt::format_string<const std::string&> text, const char* file,
+                   int line);
+
+// The Verify bodies: return when the package's signature holds (after the
+// success line), throw otherwise.
+void VerifyAppListOrThrow(const update::registry::ipc::IRegistry& registry,
+                          signature_verifier::wrapper::ISignatureVerifier& checker, unsigned int handle);
+void VerifyProductOrThrow(const update::registry::ipc::IRegistry& registry,
+                          signature_verifier::wrapper::ISignatureVerifier& checker, unsigned int handle);
+
+// Runs `body` and turns whatever it throws into the result code of
+// ManageException (which logs it); 0 when it returns.
+template <typename Body>
+int RunVerify(Body&& body) noexcept
+{
+    try {
+        body();
+        return 0;
+    } catch (...) {
+        return common::utils::ManageException("", "Verify");
+    }
+}
+
+}  // namespace update::verifier::detail
