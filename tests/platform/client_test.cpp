@@ -77,7 +77,7 @@ TEST_F(ClientTest, Call_EchoesArenasFromEmptyToLarge)
         EXPECT_EQ(reply.AsRequest().tag, size);
         EXPECT_EQ(std::vector<uint8_t>(reply.message.begin() + 32, reply.message.end()), std::vector<uint8_t>(32, 0));
         ASSERT_EQ(nk_arena_used(&reply.arena), size);
-        EXPECT_EQ(std::memcmp(reply.arena.start, data.data(), size), 0);
+        EXPECT_EQ(std::vector<uint8_t>(reply.arena.start, reply.arena.current), data);
     }
 }
 

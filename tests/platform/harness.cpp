@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -37,6 +38,8 @@ PeerProcess::PeerProcess(const std::vector<std::string>& args, const std::vector
     if (pid_ < 0)
         throw std::runtime_error("fork failed");
     if (pid_ == 0) {
+        // A test process that crashes must not leave peers behind.
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         ::dup2(toChild[0], STDIN_FILENO);
         ::dup2(fromChild[1], STDOUT_FILENO);
         ::execve(rawArgv[0], rawArgv.data(), rawEnv.data());

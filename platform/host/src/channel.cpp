@@ -230,14 +230,15 @@ Retcode ServerChannel::Receive(NkNosTransport& t, nk_message* request, nk_arena*
         t.client = 0;
     }
 
-    thread_local std::vector<uint8_t> packet;
+    thread_local std::vector<uint8_t> packetBuffer;
     thread_local std::vector<uint8_t> message;
     for (;;) {
         const auto peer = WaitAndClaim(messageCapacity, *arenaCapacity);
         if (!peer)
             return NK_EBADF;
         FrameHeader header;
-        IoResult result = ReadFirstPacket(peer->fd, packet, header, Clock::now() + kStallLimit);
+        std::span<const uint8_t> packet;
+        IoResult result = ReadFirstPacket(peer->fd, packetBuffer, packet, header, Clock::now() + kStallLimit);
         if (result == IoResult::Ok) {
             message.resize(header.messageLength);
             result = ReadRestOfFrame(peer->fd, header, packet, message,
@@ -265,7 +266,11 @@ Retcode ServerChannel::Reply(NkNosTransport& t, const nk_message* response, cons
     const auto arenaBytes = ArenaToSend(arena);
     if (!message || !arenaBytes)
         return NK_EINVAL;
+    if (arenaBytes->size() > kArenaMax)
+        return NK_E2BIG;
     std::shared_ptr<Peer> peer;
+    FrameHeader header;
+    header.kind = FrameKind::Reply;
     {
         std::lock_guard lock(mutex_);
         if (closed_)
@@ -278,10 +283,8 @@ Retcode ServerChannel::Reply(NkNosTransport& t, const nk_message* response, cons
             return NK_EAGAIN;
         }
         peer = it->second;
+        header.sequence = peer->sequence;
     }
-    FrameHeader header;
-    header.kind = FrameKind::Reply;
-    header.sequence = peer->sequence;
     const IoResult result = SendFrame(peer->fd, header, *message, *arenaBytes, std::nullopt, true);
     t.client = 0;
     {

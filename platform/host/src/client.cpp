@@ -58,18 +58,19 @@ Retcode ClientConnection::Call(const nk_message* request, const nk_arena* reques
     if (result != IoResult::Ok)
         return fail(result);
     FrameHeader reply;
-    result = ReadFirstPacket(fd_, packet_, reply, deadline);
+    std::span<const uint8_t> packet;
+    result = ReadFirstPacket(fd_, packetBuffer_, packet, reply, deadline);
     if (result != IoResult::Ok)
         return fail(result);
     if (reply.kind != FrameKind::Reply || reply.sequence != header.sequence)
         return fail(IoResult::Malformed);
     if (reply.messageLength > offeredMessage || reply.arenaLength > *offeredArena) {
         // Take the whole reply off the connection so that it stays in step.
-        result = ReadRestOfFrame(fd_, reply, packet_, {}, {}, true, deadline);
+        result = ReadRestOfFrame(fd_, reply, packet, {}, {}, true, deadline);
         return result == IoResult::Ok ? NK_E2BIG : fail(result);
     }
     message_.resize(reply.messageLength);
-    result = ReadRestOfFrame(fd_, reply, packet_, message_,
+    result = ReadRestOfFrame(fd_, reply, packet, message_,
                              {responseArena ? responseArena->start : nullptr, reply.arenaLength}, false, deadline);
     if (result != IoResult::Ok)
         return fail(result);

@@ -49,7 +49,7 @@ private:
     std::mutex callMutex_;  // guards everything below
     bool broken_ = false;   // a reply may still be on its way: the stream is out of step
     uint32_t sequence_ = 0;
-    std::vector<uint8_t> packet_;
+    std::vector<uint8_t> packetBuffer_;
     std::vector<uint8_t> message_;
 };
 

@@ -195,11 +195,12 @@ private:
             for (int fd; (fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)) >= 0;)
                 incoming_.emplace_back(fd, Clock::now());
         }
-        std::vector<uint8_t> packet;
+        std::vector<uint8_t> buffer;
         for (auto it = incoming_.begin(); it != incoming_.end();) {
             const int fd = it->first;
             FrameHeader header;
-            const IoResult result = ReadFirstPacket(fd, packet, header, Clock::now());
+            std::span<const uint8_t> packet;
+            const IoResult result = ReadFirstPacket(fd, buffer, packet, header, Clock::now());
             if (result == IoResult::TimedOut && Clock::now() - it->second < kStallLimit) {
                 ++it;
                 continue;
@@ -207,7 +208,7 @@ private:
             std::string_view client;
             std::string_view service;
             const bool valid = result == IoResult::Ok && header.kind == FrameKind::CmConnect &&
-                               ParseCmConnectPayload(std::span(packet).subspan(kFrameHeaderSize), client, service);
+                               ParseCmConnectPayload(packet.subspan(kFrameHeaderSize), client, service);
             RequestKey key{std::string(client), std::string(service)};
             if (valid && !pending_.contains(key)) {
                 pending_.emplace(key, fd);
@@ -350,12 +351,13 @@ extern "C" Retcode KnCmConnect(const char* service, uint32_t msecs, Handle* hand
     const Deadline deadline = msecs == UINT32_MAX ? Deadline{} : Clock::now() + std::chrono::milliseconds(msecs);
     FrameHeader header;
     header.kind = FrameKind::CmConnect;
-    std::vector<uint8_t> packet;
+    std::vector<uint8_t> buffer;
+    std::span<const uint8_t> packet;
     IoResult result = SendFrame(fd, header, {reinterpret_cast<const uint8_t*>(payload.data()), payload.size()}, {},
                                 deadline, false);
     FrameHeader answer;
     if (result == IoResult::Ok)
-        result = ReadFirstPacket(fd, packet, answer, deadline);
+        result = ReadFirstPacket(fd, buffer, packet, answer, deadline);
     Retcode rc = NK_EOK;
     uint32_t chosen = 0;
     if (result == IoResult::TimedOut)

@@ -192,16 +192,18 @@ PeekResult PeekFrameHeader(int fd, FrameHeader& out)
     }
 }
 
-IoResult ReadFirstPacket(int fd, std::vector<uint8_t>& packet, FrameHeader& header, Deadline deadline)
+IoResult ReadFirstPacket(int fd, std::vector<uint8_t>& buffer, std::span<const uint8_t>& packet, FrameHeader& header,
+                         Deadline deadline)
 {
-    packet.resize(kPacketMax);
+    if (buffer.size() < kPacketMax)
+        buffer.resize(kPacketMax);
     for (;;) {
-        const ssize_t n = ::recv(fd, packet.data(), packet.size(), MSG_DONTWAIT | MSG_TRUNC);
+        const ssize_t n = ::recv(fd, buffer.data(), kPacketMax, MSG_DONTWAIT | MSG_TRUNC);
         if (n == 0)
             return IoResult::Closed;
         if (n > 0) {
             const size_t length = static_cast<size_t>(n);
-            packet.resize(std::min(length, kPacketMax));
+            packet = std::span<const uint8_t>(buffer.data(), std::min(length, kPacketMax));
             return ParseFrameHeader(packet, length, header) == FrameVerdict::Ok ? IoResult::Ok : IoResult::Malformed;
         }
         if (errno == EINTR)

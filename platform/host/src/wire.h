@@ -51,9 +51,11 @@ enum class PeekResult { Frame, Empty, Closed, Malformed };
 // Looks at the header of the next frame without taking it; never blocks.
 PeekResult PeekFrameHeader(int fd, FrameHeader& out);
 
-// Takes the first packet of the next frame into `packet` and validates its
-// header.
-IoResult ReadFirstPacket(int fd, std::vector<uint8_t>& packet, FrameHeader& header, Deadline deadline);
+// Takes the first packet of the next frame into `buffer` (grown to
+// kPacketMax bytes and kept so, to be reused without refilling) and validates
+// its header. `packet` is set to the packet's bytes inside `buffer`.
+IoResult ReadFirstPacket(int fd, std::vector<uint8_t>& buffer, std::span<const uint8_t>& packet, FrameHeader& header,
+                         Deadline deadline);
 
 // Takes the rest of the frame whose first packet is `packet`. Payload bytes
 // [0, messageLength) go to `message` and the following arenaLength bytes to
