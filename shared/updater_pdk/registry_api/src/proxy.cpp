@@ -143,20 +143,25 @@ int Proxy::GetSessions(std::vector<SessionInfo>& sessions) const
     return Call<nv_IUpdateRegistry_GetSessions_req, nv_IUpdateRegistry_GetSessions_res>(
         Method::GetSessions, kGetSessionsArenaSize, [](auto&) {},
         [&](const auto& response, nk_arena* arena) {
-            const auto* records = static_cast<const std::uint8_t*>(nk_arena_get(arena, response.sessions));
-            if (records == nullptr || response.sessions.size % kRecordSize != 0)
-                eka::Throw(kFile, kGetSessionsArenaLine, eka::CheckFailedException(u"cannot get sessions from arena"));
-            const std::size_t count = response.sessions.size / kRecordSize;
-            sessions.clear();
-            sessions.reserve(count);
-            for (std::size_t i = 0; i < count; ++i) {
-                // Records need not be aligned in the arena.
-                nv_IUpdateRegistry_SessionInfo record;
-                std::memcpy(&record, records + i * kRecordSize, kRecordSize);
-                sessions.push_back(ToSessionInfo(record, *arena));
-            }
+            SessionsFromArena(response.sessions, *arena, sessions);
             return response.result;
         });
+}
+
+void SessionsFromArena(nk_arena_desc sequence, nk_arena& arena, std::vector<SessionInfo>& sessions)
+{
+    const auto* records = static_cast<const std::uint8_t*>(nk_arena_get(&arena, sequence));
+    if (records == nullptr || sequence.size % kRecordSize != 0)
+        eka::Throw(kFile, kGetSessionsArenaLine, eka::CheckFailedException(u"cannot get sessions from arena"));
+    const std::size_t count = sequence.size / kRecordSize;
+    sessions.clear();
+    sessions.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        // Records need not be aligned in the arena.
+        nv_IUpdateRegistry_SessionInfo record;
+        std::memcpy(&record, records + i * kRecordSize, kRecordSize);
+        sessions.push_back(ToSessionInfo(record, arena));
+    }
 }
 
 int Proxy::GetHandle(const eka::guid_t& id, unsigned int& handle) const

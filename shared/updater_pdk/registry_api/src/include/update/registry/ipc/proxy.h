@@ -53,6 +53,14 @@ private:
     nv_IUpdateRegistry_client m_client;
 };
 
+// The decoding of a GetSessions response: converts the packed records that
+// `sequence` names in `arena`. Throws eka::CheckFailedException "cannot get
+// sessions from arena" with `sessions` untouched when the records do not lie
+// wholly inside the arena or their size is not a multiple of 32. Otherwise
+// clears `sessions` and appends the records in order; a record that fails
+// ToSessionInfo throws and leaves the ones before it appended.
+void SessionsFromArena(nk_arena_desc sequence, nk_arena& arena, std::vector<SessionInfo>& sessions);
+
 // A connected proxy; throws eka::ResultCodeException 0x80000071 when the
 // registry or its endpoint is not there.
 std::unique_ptr<IRegistry> CreateProxy(std::string_view connectionName, std::string_view interfaceName);
