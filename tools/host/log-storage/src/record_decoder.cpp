@@ -1,5 +1,6 @@
 #include "record_decoder.h"
 
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 
@@ -50,8 +51,11 @@ std::string FormatLine(const Record& record)
     std::string line;
     std::tm utc{};
     const auto seconds = static_cast<std::time_t>(record.time);
-    if (gmtime_r(&seconds, &utc) != nullptr && utc.tm_year + 1900 >= 0 && utc.tm_year + 1900 <= 9999)
-        line = fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z ", utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday,
+    // tm_year may be as large as INT_MAX: the year is formed in 64 bits.
+    const bool dated = gmtime_r(&seconds, &utc) != nullptr;
+    const std::int64_t year = std::int64_t{utc.tm_year} + 1900;
+    if (dated && year >= 0 && year <= 9999)
+        line = fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z ", year, utc.tm_mon + 1, utc.tm_mday,
                            utc.tm_hour, utc.tm_min, utc.tm_sec);
     else
         line = fmt::format("{} ", record.time);
