@@ -116,7 +116,21 @@ void Entities::StartSignatureVerifier(const fs::path& roots)
                                 "nv.SignatureVerifierEntity");
 }
 
-void Entities::StartVerifier() { m_verifier = Start({VERIFIER_PATH}, m_root, "verifier", "verifier"); }
+void Entities::StartVerifier()
+{
+    m_verifier = Start({VERIFIER_PATH}, m_root, "verifier", "verifier");
+    // The channel answers before the IPC thread has logged that it runs;
+    // wait for that line, so that no test counts it among its own.
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    for (;;) {
+        for (const LogLine& line : VerifierLines(Log()))
+            if (line.message.starts_with("NkNosTransport initialized with handle "))
+                return;
+        if (std::chrono::steady_clock::now() >= deadline)
+            throw std::runtime_error("the verifier's IPC thread did not start: " + VerifierStderr());
+        std::this_thread::sleep_for(5ms);
+    }
+}
 
 std::string Entities::VerifierStderr() const { return logger_test::ReadFile((m_root / "verifier.err").string()); }
 

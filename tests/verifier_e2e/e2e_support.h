@@ -53,6 +53,7 @@ public:
 
     void StartRegistry();
     void StartSignatureVerifier(const fs::path& roots);
+    // Also waits until the verifier's IPC thread has logged its start.
     void StartVerifier();
 
     logger_test::ChildProcess& Verifier() { return *m_verifier; }
