@@ -267,5 +267,50 @@ TEST_F(ClientTest, Call_ThreadsSharingOneHandleGetTheirOwnReplies)
     EXPECT_EQ(mismatches.load(), 0);
 }
 
+TEST_F(ClientTest, Connect_SameNameSharesOneConnectionUntilItBreaks)
+{
+    auto server = StartServer("echo");
+    Connection first = Connect("echo");
+    Connection second = Connect("echo");
+    EXPECT_EQ(second.handle, first.handle);
+    Request request = MakeRequest(peer::kEcho, 0, 7);
+    Request reply = MakeRequest(0);
+
+    // Each connect counts one user: the first close leaves the connection open.
+    EXPECT_EQ(KnHandleClose(second.handle), NK_EOK);
+    EXPECT_EQ(first.t.ops->call(&first.t, &request.header, nullptr, &reply.header, nullptr), NK_EOK);
+    EXPECT_EQ(reply.tag, 7u);
+    EXPECT_EQ(KnHandleClose(first.handle), NK_EOK);
+    EXPECT_EQ(KnHandleClose(first.handle), NK_EBADF);
+    EXPECT_EQ(first.t.ops->call(&first.t, &request.header, nullptr, &reply.header, nullptr), NK_EBADF);
+
+    // A connection whose server went away is replaced by a new one.
+    Connection held = Connect("echo");
+    EXPECT_NE(held.handle, first.handle);
+    server->Kill(SIGKILL);
+    ASSERT_EQ(server->Wait(), 128 + SIGKILL);
+    server = StartServer("echo");
+    Connection fresh = Connect("echo");
+    EXPECT_NE(fresh.handle, held.handle);
+    EXPECT_EQ(fresh.t.ops->call(&fresh.t, &request.header, nullptr, &reply.header, nullptr), NK_EOK);
+    EXPECT_EQ(held.t.ops->call(&held.t, &request.header, nullptr, &reply.header, nullptr), NK_EPIPE);
+    EXPECT_EQ(KnHandleClose(held.handle), NK_EOK);
+    EXPECT_EQ(KnHandleClose(fresh.handle), NK_EOK);
+}
+
+TEST_F(ClientTest, Call_LogStorageThatStopsAnsweringTimesOutWithoutEnvironmentLimit)
+{
+    auto server = StartServer("nv.NvlogStorageEntity");
+    ::unsetenv("NOS_CALL_TIMEOUT_MS");
+    Connection c = Connect("nv.NvlogStorageEntity");
+    Request request = MakeRequest(peer::kSleepThenEcho, 6000);
+    Request reply = MakeRequest(0);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(c.t.ops->call(&c.t, &request.header, nullptr, &reply.header, nullptr), NK_ETIMEDOUT);
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(took, 1900ms);
+    EXPECT_LT(took, 5s);
+}
+
 }  // namespace
 }  // namespace platform_test

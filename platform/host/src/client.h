@@ -6,6 +6,7 @@
 
 #include <nos/transport.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <mutex>
@@ -39,6 +40,10 @@ public:
 
     void Close() override;
 
+    // False once a call failed for good or the peer closed its end: a new
+    // connection is needed to go on.
+    bool Usable() const;
+
 private:
     const int fd_;
     const std::string channel_;
@@ -46,12 +51,24 @@ private:
     const std::optional<std::chrono::milliseconds> timeout_;
     const std::optional<uint32_t> acceptedRiid_;
 
-    std::mutex callMutex_;  // guards everything below
-    bool broken_ = false;   // a reply may still be on its way: the stream is out of step
+    // Set under callMutex_; read without it by Usable().
+    std::atomic<bool> broken_{false};  // a reply may still be on its way: the stream is out of step
+    std::mutex callMutex_;             // guards everything below
     uint32_t sequence_ = 0;
     std::vector<uint8_t> packetBuffer_;
     std::vector<uint8_t> message_;
 };
+
+// The connection of this process to a channel, shared by every
+// ServiceLocatorConnect of the same name in the same runtime directory, as
+// a service-locator channel is one fixed channel on the device. Each connect
+// counts one user of the handle; it is made anew once it is not Usable().
+Handle ConnectSharedClient(const std::string& runtimeDir, const std::string& channel);
+
+// Counts one user of `handle` off. False while other users of a shared
+// connection remain (the handle must stay open); true when the handle is not
+// shared or this was its last user.
+bool ReleaseSharedClient(Handle handle);
 
 }  // namespace nos_host
 

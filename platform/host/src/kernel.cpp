@@ -1,4 +1,5 @@
 // Kernel object calls of the host platform.
+#include "client.h"
 #include "handle_table.h"
 
 #include <nos/kernel.h>
@@ -21,6 +22,8 @@ extern "C" Retcode KnIpcCreateSyncObject(Handle* handle)
 
 extern "C" Retcode KnHandleClose(Handle handle)
 {
+    if (!ReleaseSharedClient(handle))
+        return NK_EOK;  // other users of the shared connection keep it open
     const auto object = HandleTable::Process().Remove(handle);
     if (!object)
         return NK_EBADF;

@@ -2,6 +2,7 @@
 
 #include <nos/log.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -151,6 +152,14 @@ std::optional<std::chrono::milliseconds> CallTimeoutFromEnvironment()
     if (errno != 0 || *end != '\0' || value == 0 || value > 86400000ull)
         return std::nullopt;
     return std::chrono::milliseconds(static_cast<int64_t>(value));
+}
+
+std::optional<std::chrono::milliseconds> CallTimeoutFor(const std::string& channel)
+{
+    const auto fromEnvironment = CallTimeoutFromEnvironment();
+    if (channel != "nv.NvlogStorageEntity")
+        return fromEnvironment;
+    return fromEnvironment ? std::min(*fromEnvironment, kLogStorageCallLimit) : kLogStorageCallLimit;
 }
 
 uint64_t MonotonicNs()

@@ -41,6 +41,11 @@ std::optional<std::string> ReadSmallFile(const std::string& path, size_t maxByte
 
 // NOS_CALL_TIMEOUT_MS: absent, empty or not a positive number means no limit.
 std::optional<std::chrono::milliseconds> CallTimeoutFromEnvironment();
+// The bound of each call on a connection to `channel`: NOS_CALL_TIMEOUT_MS,
+// and for the log storage at most kLogStorageCallLimit, because a process
+// logs on the threads that serve it and drops a record it cannot send.
+std::optional<std::chrono::milliseconds> CallTimeoutFor(const std::string& channel);
+inline constexpr std::chrono::milliseconds kLogStorageCallLimit{2000};
 
 uint64_t MonotonicNs();
 

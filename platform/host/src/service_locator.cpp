@@ -78,11 +78,8 @@ extern "C" Handle ServiceLocatorConnect(const char* name)
     const std::string dir = CurrentRuntimeDir();
     if (dir.empty())
         return INVALID_HANDLE;
-    const int fd = ConnectSeqpacket(ChannelSocketPath(dir, name));
-    if (fd < 0)
-        return INVALID_HANDLE;  // nobody serves it: the normal answer for an absent entity
-    auto connection = std::make_shared<ClientConnection>(fd, name, dir, CallTimeoutFromEnvironment(), std::nullopt);
-    return HandleTable::Process().Add(std::move(connection));
+    // INVALID_HANDLE when nobody serves it: the normal answer for an absent entity.
+    return ConnectSharedClient(dir, name);
 }
 
 extern "C" uint32_t ServiceLocatorGetRiid(Handle handle, const char* endpointName)
