@@ -278,6 +278,10 @@ Outcome SignatureChecker::AddRootCertificate(Bytes der)
         return Fail(NV_SIGNATURE_VERIFIER_CC_MALFORMED_CERTIFICATE, "not one DER certificate");
     if (X509_STORE_add_cert(m_roots.get(), certificate.get()) != 1)
         return Internal("cannot add the root " + SubjectOf(certificate.get()));
+    // Comparing it with a stored root of the same name reads its extensions,
+    // which queues an error for one that does not decode although the root
+    // is kept; the entry must not reach the next operation's reason.
+    ERR_clear_error();
     return {};
 }
 
