@@ -55,7 +55,11 @@ void CheckOutcome(const Outcome& outcome)
 {
     FUZZ_CHECK(outcome.code <= NV_SIGNATURE_VERIFIER_CC_INTERNAL_ERROR);
     FUZZ_CHECK(outcome.Ok() == outcome.detail.empty());
-    FUZZ_CHECK(ERR_peek_error() == 0);
+    if (ERR_peek_error() != 0) {
+        std::fprintf(stderr, "outcome %u \"%s\" left OpenSSL errors: %s\n", outcome.code, outcome.detail.c_str(),
+                     signature_verifier::host::TakeOpenSslErrors().c_str());
+        fuzz::InvariantBroken("no OpenSSL errors left behind", __FILE__, __LINE__);
+    }
 }
 
 std::unique_ptr<SignatureChecker> MakeChecker(const ByteVector& root, const ByteVector* crl)
