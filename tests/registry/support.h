@@ -107,6 +107,7 @@ public:
     // SIGTERM, then the exit code.
     std::optional<int> Stop();
     std::string Stderr() const;
+    logger_test::ChildProcess& Process() { return *m_process; }
 
     const std::filesystem::path& storage() const noexcept { return m_storage; }
     const std::filesystem::path& stateFile() const noexcept { return m_state; }

@@ -81,7 +81,7 @@ std::optional<LogLine> ParseLine(const std::string& line)
 
 }  // namespace
 
-Entities::Entities(fs::path root) : m_root(std::move(root))
+Entities::Entities(fs::path root, bool withLogStorage) : m_root(std::move(root))
 {
     if (const char* previous = std::getenv("NOS_RUNTIME_DIR"))
         m_previousRuntimeDir = previous;
@@ -89,7 +89,8 @@ Entities::Entities(fs::path root) : m_root(std::move(root))
     setenv("NOS_RUNTIME_DIR", (m_root / "rt").c_str(), 1);
     // A broken entity fails the call instead of hanging the test.
     setenv("NOS_CALL_TIMEOUT_MS", "10000", 1);
-    m_logStorage = Start({LOG_STORAGE_PATH, "--out", (m_root / "log.txt").string()}, m_root, "log-storage",
+    if (withLogStorage)
+        m_logStorage = Start({LOG_STORAGE_PATH, "--out", (m_root / "log.txt").string()}, m_root, "log-storage",
                          "nv.NvlogStorageEntity");
 }
 
@@ -112,8 +113,12 @@ void Entities::StartRegistry() { m_registry = std::make_unique<registry_test::Re
 
 void Entities::StartSignatureVerifier(const fs::path& roots)
 {
-    m_signatureVerifier = Start({SIGNATURE_VERIFIER_PATH, "--roots", roots.string()}, m_root, "signature-verifier",
-                                "nv.SignatureVerifierEntity");
+    StartSignatureVerifierProgram({SIGNATURE_VERIFIER_PATH, "--roots", roots.string()});
+}
+
+void Entities::StartSignatureVerifierProgram(const std::vector<std::string>& argv)
+{
+    m_signatureVerifier = Start(argv, m_root, "signature-verifier", "nv.SignatureVerifierEntity");
 }
 
 void Entities::StartVerifier()
@@ -121,6 +126,8 @@ void Entities::StartVerifier()
     m_verifier = Start({VERIFIER_PATH}, m_root, "verifier", "verifier");
     // The channel answers before the IPC thread has logged that it runs;
     // wait for that line, so that no test counts it among its own.
+    if (!m_logStorage)
+        return;
     const auto deadline = std::chrono::steady_clock::now() + 10s;
     for (;;) {
         for (const LogLine& line : VerifierLines(Log()))

@@ -45,7 +45,7 @@ struct LogLine {
 // throws std::runtime_error, with the entity's output, when it does not.
 class Entities {
 public:
-    explicit Entities(fs::path root);
+    explicit Entities(fs::path root, bool withLogStorage = true);
     // Stops the verifier, then the peers, then the log storage.
     ~Entities();
     Entities(const Entities&) = delete;
@@ -55,8 +55,13 @@ public:
     void StartSignatureVerifier(const fs::path& roots);
     // Also waits until the verifier's IPC thread has logged its start.
     void StartVerifier();
+    // Any program in place of the signature-verifier entity.
+    void StartSignatureVerifierProgram(const std::vector<std::string>& argv);
 
     logger_test::ChildProcess& Verifier() { return *m_verifier; }
+    logger_test::ChildProcess& SignatureVerifier() { return *m_signatureVerifier; }
+    logger_test::ChildProcess& LogStorage() { return *m_logStorage; }
+    logger_test::ChildProcess& RegistryProcess() { return m_registry->Process(); }
     std::string VerifierStderr() const;
 
     // A registry client, connected on first use.
