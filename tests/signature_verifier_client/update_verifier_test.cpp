@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -304,6 +305,8 @@ TEST_F(UpdateVerifierEntityTest, TamperedPackage_RefusedWithItsCode)
 // wrapper counts as success: this is the designed behaviour.
 TEST_F(UpdateVerifierEntityTest, LocalRefusals_CountAsSuccess)
 {
+    if (VERIFIER_STRICT_SIGNATURE_STATUS)
+        GTEST_SKIP() << "the strict build fails these calls: LocalRefusals_StatusRuleOfTheBuild";
     const auto empty = Write("empty.sign", {});
     Logged result = RunLogged([&] { return verifier.Verify(json, empty); });
     EXPECT_EQ(result.status, 0);
@@ -318,6 +321,51 @@ TEST_F(UpdateVerifierEntityTest, LocalRefusals_CountAsSuccess)
     result = RunLogged([&] { return verifier.Verify(large, jsonSignature); });
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.log, "signature_verifier_check_buffer: buffer size (67108865) is greater that 67108864\n");
+}
+
+// The same refusals under the rule this library was built with: success
+// by default; with VERIFIER_STRICT_SIGNATURE_STATUS the errno value 22
+// mapped to "Invalid argument", and the hash left as it was.
+TEST_F(UpdateVerifierEntityTest, LocalRefusals_StatusRuleOfTheBuild)
+{
+    const bool strict = VERIFIER_STRICT_SIGNATURE_STATUS != 0;
+    const auto empty = Write("empty.sign", {});
+    const auto large = Write("large", ByteVector(kChunk + 1, 0x11));
+    const auto strictLine = [strict](const char* operation) {
+        return strict ? std::string("Expression failed: 0x80000046 (Invalid argument) ; detailed: exception during: ") +
+                            operation + "\n"
+                      : std::string();
+    };
+    struct Case {
+        const char* name;
+        std::function<int()> call;
+        std::string refusal;
+        const char* operation;
+    };
+    const std::vector<Case> cases = {
+        {"empty signature file", [&] { return verifier.Verify(json, empty); },
+         "signature_verifier_check_buffer: signature is NULL\n", "verify"},
+        {"empty signature file, by hash",
+         [&] {
+             std::vector<std::uint8_t> hash(32, 0x5A);
+             return verifier.VerifyHash(hash, empty);
+         },
+         "signature_verifier_check_hash_value: signature is NULL\n", "verify_hash"},
+        {"empty hash", [&] { return verifier.VerifyHash({}, archiveSignature); },
+         "signature_verifier_check_hash_value: hash is NULL\n", "verify_hash"},
+        {"oversized hash", [&] { return verifier.VerifyHash(std::vector<std::uint8_t>(513, 1), archiveSignature); },
+         "signature_verifier_check_hash_value: hash size (513) is greater that 512\n", "verify_hash"},
+        {"data above 64 MiB", [&] { return verifier.Verify(large, jsonSignature); },
+         "signature_verifier_check_buffer: buffer size (67108865) is greater that 67108864\n", "verify"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const Logged result = RunLogged(c.call);
+        EXPECT_EQ(static_cast<std::uint32_t>(result.status), strict ? 0x80000046u : 0u);
+        EXPECT_EQ(result.log, c.refusal + strictLine(c.operation));
+    }
+    // A real check is unaffected by the rule.
+    EXPECT_EQ(RunLogged([&] { return verifier.Verify(json, jsonSignature); }).status, 0);
 }
 
 }  // namespace

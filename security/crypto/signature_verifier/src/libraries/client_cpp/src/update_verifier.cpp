@@ -10,6 +10,7 @@
 #include <string>
 
 #include <eka/exception.h>
+#include <eka/posix/result_code.h>
 #include <eka/result_code.h>
 #include <eka/text.h>
 #include <eka/throw.h>
@@ -42,17 +43,30 @@ constexpr std::size_t kHashReserve = 512;
 // GOST R 34.11-2012, 256 bits: the algorithm of the hash contexts.
 constexpr std::uint8_t kHashAlgorithm = 1;
 
-// The one place where a status of the client library is judged. Only a
-// negative status (a completion code of the entity or a transport error)
-// fails a call; the library's positive local refusals pass as success.
+#ifndef VERIFIER_STRICT_SIGNATURE_STATUS
+#define VERIFIER_STRICT_SIGNATURE_STATUS 0
+#endif
+constexpr bool kStrictStatus = VERIFIER_STRICT_SIGNATURE_STATUS != 0;
+
+// The one place where a status of the client library is judged. By default
+// only a negative status (a completion code of the entity or a transport
+// error) fails a call, and the library's positive local refusals pass as
+// success. The strict build fails on any non-zero status.
 constexpr bool LibraryCallFailed(int status) noexcept
 {
-    return status < 0;
+    return kStrictStatus ? status != 0 : status < 0;
+}
+
+// The result code a failing status carries: a negative status is one
+// already; a positive one is an errno value (strict build only).
+std::int32_t CodeOfStatus(int status) noexcept
+{
+    return status > 0 ? eka::posix::ResultCodeFromSystemError(static_cast<unsigned int>(status)) : status;
 }
 
 [[noreturn]] void ThrowCallFailed(int line, int status)
 {
-    eka::Throw(kSourceFile, line, eka::CheckResultFailedException(status, u"Expression failed"));
+    eka::Throw(kSourceFile, line, eka::CheckResultFailedException(CodeOfStatus(status), u"Expression failed"));
 }
 
 [[noreturn]] void ThrowCheckFailed(int line, const char16_t* text)
@@ -66,7 +80,8 @@ void CheckContextMade(int status, const void* context)
 {
     if (LibraryCallFailed(status))
         eka::Throw(kSourceFile, kLineContextFailed,
-                   eka::CheckResultFailedException(status, u"Expression failed") << " fail to initialize context");
+                   eka::CheckResultFailedException(CodeOfStatus(status), u"Expression failed")
+                       << " fail to initialize context");
     if (context == nullptr)
         ThrowCheckFailed(kLineInvalidContext, u"invalid context");
 }
