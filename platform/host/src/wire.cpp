@@ -52,15 +52,21 @@ int PollTimeoutMs(Deadline deadline)
     return static_cast<int>(std::clamp<int64_t>(left, 0, 1 << 30));
 }
 
+// Runs `io` with the deadline cut to kStallLimit from now; a time-out that
+// only the cut caused is the peer's stall.
+template <class Io>
+IoResult StallBounded(Deadline deadline, Io io)
+{
+    const IoResult result = io(EarlierOf(deadline, Clock::now() + kStallLimit));
+    if (result == IoResult::TimedOut && !(deadline && Clock::now() >= *deadline))
+        return IoResult::Stalled;
+    return result;
+}
+
 IoResult SendPacket(int fd, const iovec* iov, int count, size_t expected, Deadline deadline, bool stallBounded)
 {
-    if (stallBounded) {
-        const Deadline stall = EarlierOf(deadline, Clock::now() + kStallLimit);
-        const IoResult result = SendPacket(fd, iov, count, expected, stall, false);
-        if (result == IoResult::TimedOut && !(deadline && Clock::now() >= *deadline))
-            return IoResult::Stalled;
-        return result;
-    }
+    if (stallBounded)
+        return StallBounded(deadline, [&](Deadline cut) { return SendPacket(fd, iov, count, expected, cut, false); });
     msghdr msg {};
     msg.msg_iov = const_cast<iovec*>(iov);
     msg.msg_iovlen = static_cast<size_t>(count);
@@ -242,10 +248,8 @@ IoResult ReadRestOfFrame(int fd, const FrameHeader& header, std::span<const uint
             iov[0] = iovec{sink.data(), take};
         else
             count = payload.Iov(offset, take, iov);
-        const Deadline stall = EarlierOf(deadline, Clock::now() + kStallLimit);
-        const IoResult result = ReceivePacket(fd, iov, count, take, stall);
-        if (result == IoResult::TimedOut)
-            return deadline && Clock::now() >= *deadline ? IoResult::TimedOut : IoResult::Stalled;
+        const IoResult result =
+            StallBounded(deadline, [&](Deadline cut) { return ReceivePacket(fd, iov, count, take, cut); });
         if (result != IoResult::Ok)
             return result;
         offset += take;
