@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -63,6 +64,48 @@ TEST_F(VerifiersTest, Constructor_EmptyOwners)
         EXPECT_EQ(thrown.file, row.file);
         EXPECT_EQ(thrown.line, row.line);
         EXPECT_EQ(thrown.description, row.description);
+    }
+}
+
+// The registry's GetInfo and the checker's GetHash and VerifyHash report
+// failure only by their result: an exception from one of them is a broken
+// contract that ends the process rather than becoming a code.
+TEST_F(VerifiersTest, Verify_PeerExceptionEndsTheProcess)
+{
+    const auto broken = [] () -> int { throw std::runtime_error("peer broke"); };
+    struct Row {
+        const char* name;
+        std::function<void(MockRegistry&, MockChecker&)> arrange;
+        bool product;
+    };
+    const std::vector<Row> rows = {
+        {"applist, GetInfo", [&](MockRegistry& r, MockChecker&) { ON_CALL(r, GetInfo(_, _)).WillByDefault(broken); },
+         false},
+        {"product, GetInfo", [&](MockRegistry& r, MockChecker&) { ON_CALL(r, GetInfo(_, _)).WillByDefault(broken); },
+         true},
+        {"product, GetHash", [&](MockRegistry&, MockChecker& c) { ON_CALL(c, GetHash(_, _)).WillByDefault(broken); },
+         true},
+        {"product, VerifyHash",
+         [&](MockRegistry&, MockChecker& c) { ON_CALL(c, VerifyHash(_, _)).WillByDefault(broken); }, true},
+    };
+    dir.Touch("update_vantor3.tar.gz");
+    dir.Touch("update_vantor3.sign");
+    dir.Touch("appcollectioninfo.nos.vantor.json");
+    dir.Touch("appcollectioninfo.nos.vantor.json.sign");
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        auto fakeRegistry = std::make_shared<NiceMock<MockRegistry>>();
+        auto fakeChecker = std::make_shared<NiceMock<MockChecker>>();
+        ON_CALL(*fakeRegistry, GetInfo(_, _))
+            .WillByDefault(DoAll(::testing::SetArgReferee<1>(dir.Session()), Return(0)));
+        row.arrange(*fakeRegistry, *fakeChecker);
+        if (row.product) {
+            const ProductVerifier verifier(fakeRegistry, fakeChecker);
+            EXPECT_DEATH((void)verifier.Verify(1), "peer broke");
+        } else {
+            const ApplistVerifier verifier(fakeRegistry, fakeChecker);
+            EXPECT_DEATH((void)verifier.Verify(1), "peer broke");
+        }
     }
 }
 

@@ -30,7 +30,7 @@ update::registry::ipc::SessionInfo GetSession(const update::registry::ipc::IRegi
                                               const char* file, int line)
 {
     update::registry::ipc::SessionInfo info;
-    const int rc = registry.GetInfo(handle, info);
+    const int rc = NoThrowCall([&] { return registry.GetInfo(handle, info); });
     if (eka::Failed(rc))
         eka::Throw(file, line,
                    eka::CheckResultFailedException(rc, u"Expression failed") << "failed get info from session registry");

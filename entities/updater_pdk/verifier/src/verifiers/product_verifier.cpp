@@ -54,11 +54,11 @@ void VerifyProductOrThrow(const update::registry::ipc::IRegistry& registry,
 
     // The archive is read once, here; only its hash goes to the entity.
     std::vector<unsigned char> hash;
-    int rc = checker.GetHash(archivePath, hash);
+    int rc = NoThrowCall([&] { return checker.GetHash(archivePath, hash); });
     if (eka::Failed(rc))
         eka::Throw(kFile, kGetHashLine,
                    eka::CheckResultFailedException(rc, u"Expression failed") << "failed get update file hash");
-    rc = checker.VerifyHash(hash, signaturePath);
+    rc = NoThrowCall([&] { return checker.VerifyHash(hash, signaturePath); });
     if (eka::Failed(rc))
         eka::Throw(kFile, kVerifyHashLine,
                    eka::CheckResultFailedException(rc, u"Expression failed")

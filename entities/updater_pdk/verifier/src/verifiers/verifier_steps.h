@@ -42,6 +42,15 @@ void VerifyAppListOrThrow(const update::registry::ipc::IRegistry& registry,
 void VerifyProductOrThrow(const update::registry::ipc::IRegistry& registry,
                           signature_verifier::wrapper::ISignatureVerifier& checker, unsigned int handle);
 
+// Calls a peer operation that reports failure only by its result (the
+// registry's GetInfo, the checker's GetHash and VerifyHash). An exception
+// escaping it breaks that contract and ends the process.
+template <typename Call>
+auto NoThrowCall(Call&& call) noexcept
+{
+    return call();
+}
+
 // Runs `body` and turns whatever it throws into the result code of
 // ManageException (which logs it); 0 when it returns.
 template <typename Body>
