@@ -142,8 +142,11 @@ TEST_F(WireFaultTest, HostileFrames_ClientDroppedAndServingGoesOn)
         SCOPED_TRACE(c.name);
         RawClient hostile(Socket());
         ASSERT_TRUE(hostile.connected());
-        for (const Bytes& packet : c.packets)
-            ASSERT_TRUE(hostile.Send(packet));
+        ASSERT_TRUE(hostile.Send(c.packets.front()));
+        // The verifier may drop the client at its first packet already, so a
+        // later packet can find the connection closed.
+        for (std::size_t i = 1; i < c.packets.size(); ++i)
+            (void)hostile.Send(c.packets[i]);
         EXPECT_TRUE(hostile.DroppedWithin(5s));
         EXPECT_EQ(Verify(kApplist, kNoHandle), kInvalidArgument);
     }
