@@ -289,8 +289,10 @@ Retcode ServerChannel::Reply(NkNosTransport& t, const nk_message* response, cons
     t.client = 0;
     {
         std::lock_guard lock(mutex_);
+        // A reply that reached its client is delivered even when the channel
+        // closed meanwhile; one that did not may have failed for the closing.
         if (closed_)
-            return NK_EBADF;
+            return result == IoResult::Ok ? NK_EOK : NK_EBADF;
         if (result != IoResult::Ok) {
             DropLocked(peer->id, result == IoResult::Closed ? "gone before the reply" : "did not take the reply");
             return NK_EAGAIN;

@@ -36,7 +36,8 @@ public:
     // goes on. NK_EBADF once the channel is closed.
     Retcode Receive(NkNosTransport& t, nk_message* request, nk_arena* arena);
     // Answers the client of the transport's last receive. NK_EAGAIN when that
-    // client is gone or does not take the reply.
+    // client is gone or does not take the reply; NK_EBADF when the channel
+    // closed before the reply went out (not when it closed after).
     Retcode Reply(NkNosTransport& t, const nk_message* response, const nk_arena* arena);
     // Adds a connected socket (ownership passes) as one more client.
     Retcode AddConnection(int fd);
