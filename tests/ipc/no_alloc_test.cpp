@@ -1,6 +1,8 @@
 // The request loop allocates nothing once its buffers exist: counted by
 // replacing the global allocation functions of this test program.
-#include "harness.h"
+#include "echo_component.h"
+#include "support/log_capture.h"
+#include "support/runtime_dir.h"
 
 #include <nos/transport.h>
 
@@ -8,38 +10,21 @@
 #include <new>
 
 namespace {
-
 thread_local bool t_counting = false;
 thread_local std::size_t t_allocations = 0;
+}  // namespace
 
-void* Allocate(std::size_t size)
+// The other allocation and deallocation functions end in these two.
+void* operator new(std::size_t size)
 {
-    if (t_counting)
-        ++t_allocations;
+    t_allocations += t_counting ? 1 : 0;
     if (void* p = std::malloc(size == 0 ? 1 : size))
         return p;
     throw std::bad_alloc();
 }
-
-}  // namespace
-
-void* operator new(std::size_t size) { return Allocate(size); }
-void* operator new[](std::size_t size) { return Allocate(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept
-{
-    try {
-        return Allocate(size);
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
-}
-void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept { return operator new(size, tag); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
+// Not inlined: the compiler would take free() for a mismatch of new.
+[[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { operator delete(p); }
 
 namespace ipc_test {
 namespace {
@@ -67,19 +52,18 @@ struct CountingTransport {
     static inline std::size_t s_counted = 0;
 };
 
-class NoAllocationTest : public RuntimeDirTest {};
+class NoAllocationTest : public test_support::RuntimeDirTest {};
 
 TEST_F(NoAllocationTest, IpcThread_RequestLoopAllocatesNothing)
 {
     static constexpr NkNosTransportOps ops = {nullptr, CountingTransport::Receive, CountingTransport::Reply};
-    LogCapture log;
+    test_support::LogCapture log;
     EchoEntity entity;
     nos::ipc::ServerContext context;
-    context.logger = log.Logger();
+    context.logger = log.ServerLogger();
     context.serviceName = "counted";
     context.ignoredErrors = {NK_EAGAIN, NK_ETIMEDOUT, NK_EPROTO};
-    EchoServer server(&entity, EchoDispatch, context);
-    server.SetTransportOpsForTesting(&ops);
+    EchoServer server(&entity, EchoDispatch, context, &ops);
     server.StartThreads();
     server.JoinThreads();
 

@@ -242,15 +242,6 @@ std::optional<Handle> ConnectionManager::TakeGroupHandle(std::uint32_t groupId,
     return std::nullopt;
 }
 
-bool ConnectionManager::WaitAccepted(std::uint32_t groupId, std::uint32_t count, std::chrono::milliseconds timeout)
-{
-    std::unique_lock lock(m_mutex);
-    return m_groupsChanged.wait_for(lock, timeout, [&] {
-        const auto found = m_groups.find(groupId);
-        return found != m_groups.end() && found->second.acceptedCount >= count;
-    });
-}
-
 void ConnectionManager::Worker() noexcept
 {
     Log("worker start", false);

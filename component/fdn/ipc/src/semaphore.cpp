@@ -16,13 +16,4 @@ void Semaphore::Wait()
     --m_count;
 }
 
-bool Semaphore::WaitFor(std::chrono::milliseconds timeout)
-{
-    std::unique_lock lock(m_mutex);
-    if (!m_condition.wait_for(lock, timeout, [this] { return m_count != 0; }))
-        return false;
-    --m_count;
-    return true;
-}
-
 }  // namespace nos::rtl

@@ -9,7 +9,6 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -130,9 +129,6 @@ public:
     // The manager must outlive the calls; a waiter woken by the destructor
     // must not call again.
     std::optional<Handle> TakeGroupHandle(std::uint32_t groupId, const std::shared_ptr<rtl::Semaphore>& waiter);
-    // Waits until `groupId` has accepted `count` connections in all; false on
-    // time-out or unknown group.
-    bool WaitAccepted(std::uint32_t groupId, std::uint32_t count, std::chrono::milliseconds timeout);
 
     bool ReservedFlag() const noexcept { return m_reservedFlag; }
 

@@ -65,11 +65,14 @@ public:
                                nk_message* response, nk_arena* responseArena);
 
     // Registers the channel (static mode) or publishes the descriptors
-    // (dynamic mode).
-    Server(Entity* entity, DispatchFn dispatch, const ServerContext& context)
+    // (dynamic mode). The IPC threads receive and reply through
+    // `transportOps`, by default the operations of the platform's transport.
+    Server(Entity* entity, DispatchFn dispatch, const ServerContext& context,
+           const NkNosTransportOps* transportOps = nullptr)
         : m_entity(entity), m_entityDispatchFn(dispatch), m_logger(context.logger),
           m_staticThreadsCount(context.staticThreadsCount), m_dynamicThreadsCount(context.dynamicThreadsCount),
-          m_skipStaticThreads(context.skipStaticThreads), m_ignoredErrors(context.ignoredErrors)
+          m_skipStaticThreads(context.skipStaticThreads), m_ignoredErrors(context.ignoredErrors),
+          m_transportOps(transportOps)
     {
         details::Check(m_entity != nullptr, "m_entity", "Server", 68);
         details::Check(m_entityDispatchFn != nullptr, "m_entityDispatchFn", "Server", 69);
@@ -139,10 +142,6 @@ public:
     // Asks the IPC threads to end: each ends, with "IPC server has stopped",
     // once its current receive (and the exchange it starts) is over.
     void RequestStop() noexcept { m_stop.store(true); }
-
-    // Test seam: threads started after this call reach receive and reply
-    // through `ops` instead of the platform's table. `ops` must outlive them.
-    void SetTransportOpsForTesting(const NkNosTransportOps* ops) noexcept { m_transportOps = ops; }
 
 private:
     // One thread's buffers, allocated and zeroed once and reused for every
@@ -248,7 +247,7 @@ private:
     std::unique_ptr<details::AutoService> m_autoService;          // static mode
     std::unique_ptr<ConnectionManager> m_connectionManager;       // dynamic mode
     std::unique_ptr<details::Publication> m_publication;          // dynamic mode
-    const NkNosTransportOps* m_transportOps = nullptr;
+    const NkNosTransportOps* const m_transportOps;                // null: the platform's
 };
 
 }  // namespace nos::ipc

@@ -3,7 +3,6 @@
 // channel handle.
 #pragma once
 
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -21,8 +20,6 @@ public:
     void Post();
     // Blocks until the count is non-zero, then takes one.
     void Wait();
-    // As Wait, for at most `timeout`; false when the time ran out.
-    bool WaitFor(std::chrono::milliseconds timeout);
 
 private:
     std::mutex m_mutex;
