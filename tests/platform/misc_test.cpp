@@ -1,37 +1,27 @@
-// Platform log, program name, runtime directory and endpoint settings.
-#include "harness.h"
+// Platform log, runtime directory, call time-outs and endpoint tables of the
+// host platform.
+#include "runtime.h"
+#include "support/log_capture.h"
+#include "support/runtime_dir.h"
 
 #include <nos/platform.h>
 #include <nos_host/host.h>
 
+#include <gtest/gtest.h>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace platform_test {
 namespace {
 
-// Runs `body` with standard error sent to a file and returns what it wrote.
-template <class Body>
-std::string CaptureStderr(Body body)
-{
-    char path[] = "/tmp/nos-stderr-XXXXXX";
-    const int file = ::mkstemp(path);
-    const int saved = ::dup(STDERR_FILENO);
-    ::dup2(file, STDERR_FILENO);
-    body();
-    ::dup2(saved, STDERR_FILENO);
-    ::close(saved);
-    std::string text(4096, '\0');
-    const ssize_t n = ::pread(file, text.data(), text.size(), 0);
-    text.resize(n > 0 ? static_cast<size_t>(n) : 0);
-    ::close(file);
-    ::unlink(path);
-    return text;
-}
+using namespace std::chrono_literals;
+using test_support::LogLine;
 
-TEST(NosLogf, WritesOneLinePerCallWithLevelName)
+TEST(HostLog, NosLogf_WritesOneLinePerCallWithItsLevelName)
 {
-    const std::string text = CaptureStderr([] {
+    test_support::LogCapture log;
+    {
+        test_support::StderrCapture capture(log);
         NosLogf(NOS_LOG_CRITICAL, "f.c", 1, "core", "%s %d", "value", 42);
         NosLogf(NOS_LOG_ERROR, "f.c", 2, "core", "error");
         NosLogf(NOS_LOG_WARNING, "f.c", 3, "core", "warning\n");
@@ -40,85 +30,75 @@ TEST(NosLogf, WritesOneLinePerCallWithLevelName)
         NosLogf(NOS_LOG_TRACE, "f.c", 6, "core", "trace");
         NosLogf(9, "f.c", 7, "core", "odd level");
         NosLogf(NOS_LOG_INFO, "f.c", 8, nullptr, "no name");
-    });
-    EXPECT_EQ(text,
-              "[core][CRITICAL] value 42\n"
-              "[core][ERROR] error\n"
-              "[core][WARNING] warning\n"
-              "[core][INFO] two lines\n"
-              "[core][DEBUG] debug\n"
-              "[core][TRACE] trace\n"
-              "[core][LEVEL 9] odd level\n"
-              "[platform_host_tests][INFO] no name\n");
+    }
+    EXPECT_EQ(log.Lines(), (std::vector<LogLine>{{"[core][CRITICAL] value 42"},
+                                                 {"[core][ERROR] error"},
+                                                 {"[core][WARNING] warning"},
+                                                 {"[core][INFO] two lines"},
+                                                 {"[core][DEBUG] debug"},
+                                                 {"[core][TRACE] trace"},
+                                                 {"[core][LEVEL 9] odd level"},
+                                                 {"[platform_host_tests][INFO] no name"}}));
 }
 
-TEST(Getprogname, IsTheShortName) { EXPECT_STREQ(getprogname(), "platform_host_tests"); }
+class HostRuntimeTest : public test_support::RuntimeDirTest {};
 
-class RuntimeDirTest : public PlatformTest {};
-
-TEST_F(RuntimeDirTest, HostRuntimeDir_DefaultIsPrivatePerUserDirUnderTmpdir)
+TEST_F(HostRuntimeTest, CurrentRuntimeDir_DefaultIsAPrivateDirectoryOfTheUser)
 {
-    ::unsetenv("NOS_RUNTIME_DIR");
-    ::setenv("TMPDIR", runtimeDir_.c_str(), 1);
-    char dir[512];
-    const Retcode rc = NosHostRuntimeDir(dir, sizeof dir);
-    ::unsetenv("TMPDIR");
-    ASSERT_EQ(rc, NK_EOK);
-    const std::string expected = runtimeDir_ + "/nos-" + std::to_string(::getuid());
-    EXPECT_EQ(std::string(dir), expected);
-    struct stat st{};
-    ASSERT_EQ(::stat(dir, &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0700u);
-
-    ::chmod(dir, 0755);  // opened to others: refused
-    ::setenv("TMPDIR", runtimeDir_.c_str(), 1);
-    EXPECT_EQ(NosHostRuntimeDir(dir, sizeof dir), NK_EINVAL);
-    ::unsetenv("TMPDIR");
-}
-
-TEST_F(RuntimeDirTest, HostRuntimeDir_TakesEnvironmentAndChecksBuffer)
-{
-    const std::string nested = runtimeDir_ + "/a/b";
+    const std::string nested = (runtime.Path() / "a" / "b").string();
     ::setenv("NOS_RUNTIME_DIR", nested.c_str(), 1);
-    char dir[512];
-    ASSERT_EQ(NosHostRuntimeDir(dir, sizeof dir), NK_EOK);
-    EXPECT_EQ(std::string(dir), nested);
-    char small[4] = "abc";
-    EXPECT_EQ(NosHostRuntimeDir(small, sizeof small), NK_E2BIG);
-    EXPECT_STREQ(small, "abc");
-    EXPECT_EQ(NosHostRuntimeDir(nullptr, 10), NK_EINVAL);
+    EXPECT_EQ(nos_host::CurrentRuntimeDir(), nested);  // made on the way
+
+    ::unsetenv("NOS_RUNTIME_DIR");
+    ::setenv("TMPDIR", (runtime.Path().string() + "//").c_str(), 1);
+    const std::string expected = runtime.Path().string() + "/nos-" + std::to_string(::getuid());
+    EXPECT_EQ(nos_host::CurrentRuntimeDir(), expected);
+    struct stat st {};
+    ASSERT_EQ(::stat(expected.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+    ::chmod(expected.c_str(), 0750);  // open to its group: refused
+    EXPECT_EQ(nos_host::CurrentRuntimeDir(), "");
+    EXPECT_EQ(ServiceLocatorRegister("verifier", nullptr, 0, nullptr), INVALID_HANDLE);
+    ::unsetenv("TMPDIR");
 }
 
-TEST(HostSetEndpoints, RejectsBadTables)
+TEST_F(HostRuntimeTest, CallTimeoutFor_LogStorageCallsAreBoundedAtTwoSeconds)
+{
+    const struct {
+        const char* environment;  // NOS_CALL_TIMEOUT_MS, null: unset
+        const char* channel;
+        std::optional<std::chrono::milliseconds> expected;
+    } cases[] = {
+        {nullptr, "verifier", std::nullopt},
+        {"0", "verifier", std::nullopt},
+        {"12x", "verifier", std::nullopt},
+        {"500", "verifier", 500ms},
+        {nullptr, "nv.NvlogStorageEntity", 2000ms},
+        {"500", "nv.NvlogStorageEntity", 500ms},
+        {"5000", "nv.NvlogStorageEntity", 2000ms},
+    };
+    for (const auto& k : cases) {
+        SCOPED_TRACE(std::string(k.environment ? k.environment : "unset") + " " + k.channel);
+        if (k.environment)
+            ::setenv("NOS_CALL_TIMEOUT_MS", k.environment, 1);
+        else
+            ::unsetenv("NOS_CALL_TIMEOUT_MS");
+        EXPECT_EQ(nos_host::CallTimeoutFor(k.channel), k.expected);
+    }
+}
+
+TEST(HostEndpoints, NosHostSetEndpoints_RefusesBadTables)
 {
     const char* good[] = {"A.a", "B.b"};
-    const char* blank[] = {"A a"};
-    const char* empty[] = {""};
-    const char* none[] = {nullptr};
+    const char* bad[][1] = {{"A a"}, {""}, {nullptr}};
     EXPECT_EQ(NosHostSetEndpoints("chan", good, 2), NK_EOK);
     EXPECT_EQ(NosHostSetEndpoints("chan", nullptr, 0), NK_EOK);
-    EXPECT_EQ(NosHostSetEndpoints("chan", blank, 1), NK_EINVAL);
-    EXPECT_EQ(NosHostSetEndpoints("chan", empty, 1), NK_EINVAL);
-    EXPECT_EQ(NosHostSetEndpoints("chan", none, 1), NK_EINVAL);
+    for (const auto& table : bad)
+        EXPECT_EQ(NosHostSetEndpoints("chan", table, 1), NK_EINVAL);
     EXPECT_EQ(NosHostSetEndpoints("chan", nullptr, 1), NK_EINVAL);
     EXPECT_EQ(NosHostSetEndpoints("a/b", good, 2), NK_EINVAL);
     EXPECT_EQ(NosHostSetEndpoints(nullptr, good, 2), NK_EINVAL);
     EXPECT_EQ(NosHostSetEndpoints("chan", good, INVALID_RIID), NK_EINVAL);
 }
 
-TEST(KernelObjects, SyncObjectClosesOnceAndSleepWaits)
-{
-    Handle sync = INVALID_HANDLE;
-    ASSERT_EQ(KnIpcCreateSyncObject(&sync), NK_EOK);
-    EXPECT_NE(sync, INVALID_HANDLE);
-    EXPECT_EQ(KnIpcCreateSyncObject(nullptr), NK_EINVAL);
-    EXPECT_EQ(KnHandleClose(sync), NK_EOK);
-    EXPECT_EQ(KnHandleClose(sync), NK_EBADF);
-    EXPECT_EQ(KnHandleClose(INVALID_HANDLE), NK_EBADF);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(KnSleep(30), NK_EOK);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 30ms);
-}
-
 }  // namespace
-}  // namespace platform_test

@@ -38,12 +38,6 @@ std::shared_ptr<HandleObject> HandleTable::Remove(Handle handle)
     return object;
 }
 
-size_t HandleTable::Size() const
-{
-    std::shared_lock lock(mutex_);
-    return objects_.size();
-}
-
 HandleTable& HandleTable::Process()
 {
     // Never destroyed: threads may still use handles while the process exits.

@@ -33,7 +33,6 @@ public:
     std::shared_ptr<HandleObject> Get(Handle handle) const;
     // Removes the entry and returns its object (null when there was none).
     std::shared_ptr<HandleObject> Remove(Handle handle);
-    size_t Size() const;
 
     template <class T>
     std::shared_ptr<T> GetAs(Handle handle) const

@@ -117,16 +117,3 @@ extern "C" Retcode NosHostSetEndpoints(const char* channel, const char* const* n
     }
     return SetEndpoints(channel, std::move(table));
 }
-
-extern "C" Retcode NosHostRuntimeDir(char* buffer, size_t size)
-{
-    if (buffer == nullptr)
-        return NK_EINVAL;
-    const std::string dir = CurrentRuntimeDir();
-    if (dir.empty())
-        return NK_EINVAL;
-    if (dir.size() + 1 > size)
-        return NK_E2BIG;
-    std::memcpy(buffer, dir.c_str(), dir.size() + 1);
-    return NK_EOK;
-}

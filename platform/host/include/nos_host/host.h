@@ -17,11 +17,6 @@ extern "C" {
  * name with a blank or a control character, or count >= 65535. */
 Retcode NosHostSetEndpoints(const char* channel, const char* const* names, size_t count);
 
-/* Writes the runtime directory that the platform uses now (NOS_RUNTIME_DIR, or
- * the per-user default), creating it when needed. NK_E2BIG when `size` bytes
- * are not enough, NK_EINVAL when it cannot be made or is not safe to use. */
-Retcode NosHostRuntimeDir(char* buffer, size_t size);
-
 #ifdef __cplusplus
 }
 #endif

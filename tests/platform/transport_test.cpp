@@ -1,0 +1,427 @@
+// The host transport over real sockets, both ends in this process: calls
+// against a fake peer, and a served channel against raw frame clients.
+#include "runtime.h"
+#include "support/fake_peer.h"
+#include "support/log_capture.h"
+#include "support/runtime_dir.h"
+#include "wire.h"
+
+#include <nos/platform.h>
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace test_support;
+using namespace nos_host;
+
+struct Echo {
+    nk_message header;
+    uint32_t param;
+    uint32_t tag;
+};
+
+Echo MakeEcho(uint32_t tag, uint32_t param = 0)
+{
+    Echo echo{{}, param, tag};
+    nk_msg_set_size(&echo.header, sizeof echo);
+    return echo;
+}
+
+// One packet: a frame header with these fields, then `payload`.
+Bytes Frame(FrameKind kind, const Bytes& payload, uint32_t sequence = 1, uint64_t sentNs = 1, uint32_t arena = 0)
+{
+    Bytes packet(kFrameHeaderSize);
+    EncodeFrameHeader({kind, static_cast<uint32_t>(payload.size()), arena, sentNs, sequence},
+                      std::span<uint8_t, kFrameHeaderSize>(packet.data(), kFrameHeaderSize));
+    packet.insert(packet.end(), payload.begin(), payload.end());
+    return packet;
+}
+
+// The Echo of the next frame on `fd`; a tag of 0 when none came in 10 s.
+Echo ReadEcho(int fd, FrameHeader& header)
+{
+    Bytes buffer;
+    std::span<const uint8_t> packet;
+    Echo echo{};
+    if (ReadFirstPacket(fd, buffer, packet, header, Clock::now() + 10s) == IoResult::Ok &&
+        packet.size() == kFrameHeaderSize + sizeof echo)
+        std::memcpy(&echo, packet.data() + kFrameHeaderSize, sizeof echo);
+    return echo;
+}
+
+// A client connection of its own to the channel "srv", speaking frames.
+struct RawClient {
+    explicit RawClient(int connected) : fd(connected) {}
+    explicit RawClient(const RuntimeDir& runtime) : fd(ConnectSeqpacket((runtime.Path() / "srv.sock").string())) {}
+    ~RawClient() { ::close(fd); }
+    void Send(const Bytes& packet) const { ASSERT_EQ(::send(fd, packet.data(), packet.size(), MSG_NOSIGNAL), ssize_t(packet.size())); }
+    void Request(uint32_t tag, uint64_t sentNs = MonotonicNs()) const { Send(Frame(FrameKind::Request, BytesOf(MakeEcho(tag)), 1, sentNs)); }
+    uint32_t ReplyTag() const
+    {
+        FrameHeader header;
+        return ReadEcho(fd, header).tag;
+    }
+    const int fd;
+};
+
+// The request back; param 1 sets the error bit, param 2 makes the reply
+// arena `tag` bytes long, param 3 the reply message.
+Exchanged EchoBack(const Exchanged& request)
+{
+    Exchanged reply = request;
+    auto& echo = *reinterpret_cast<Echo*>(reply.message.data());
+    if (echo.param == 1)
+        echo.header.size |= NK_MSG_ERROR_FLAG;
+    if (echo.param == 2)
+        reply.arena.assign(echo.tag, 0x5A);
+    if (echo.param == 3) {
+        nk_msg_set_size(&echo.header, echo.tag);
+        reply.message.resize(echo.tag);
+    }
+    return reply;
+}
+
+class HostClientTest : public RuntimeDirTest {
+protected:
+    struct Connection {
+        Handle handle = ServiceLocatorConnect("echo");
+        NkNosTransport t = Transport(handle);
+        Retcode Call(const Echo& request, Echo& reply, nk_arena* arena = nullptr, const nk_arena* sent = nullptr)
+        {
+            return t.ops->call(&t, &request.header, sent, &reply.header, arena);
+        }
+    };
+    static NkNosTransport Transport(Handle handle)
+    {
+        NkNosTransport t{};
+        EXPECT_EQ(NkNosTransport_Init(&t, handle, nullptr, 0), NK_EOK);
+        return t;
+    }
+};
+
+TEST_F(HostClientTest, Call_CarriesMessageArenaAndErrorBitAcrossPacketSizes)
+{
+    FakePeer echo("echo", {}, EchoBack);
+    Connection c;
+    // Around the end of the first packet (65536 - 32 header - 32 message) and beyond.
+    const std::pair<size_t, uint32_t> cases[] = {{0, 0}, {1, NK_MSG_ERROR_FLAG}, {65471, 0}, {65472, 0},
+                                                 {65473, 0}, {65536, 0}, {300000, 0}};
+    for (const auto& [size, errorBit] : cases) {
+        SCOPED_TRACE(size);
+        Bytes data(size);
+        for (size_t i = 0; i < size; ++i)
+            data[i] = static_cast<uint8_t>(i * 31 + 5);
+        nk_arena sent{data.data(), data.data() + size, data.data() + size};
+        Bytes replyBytes(64, 0xCC);  // larger than the reply: the rest must be zeroed
+        auto& reply = *reinterpret_cast<Echo*>(replyBytes.data());
+        nk_msg_set_size(&reply.header, 64);
+        Bytes arenaBytes(400000, 0xEE);
+        nk_arena arena;
+        nk_arena_init(&arena, arenaBytes.data(), arenaBytes.size());
+
+        ASSERT_EQ(c.Call(MakeEcho(7, errorBit ? 1 : 0), reply, &arena, &sent), NK_EOK);
+        EXPECT_EQ(reply.header.size, errorBit | sizeof(Echo));
+        EXPECT_EQ(reply.tag, 7u);
+        EXPECT_EQ(Bytes(replyBytes.begin() + sizeof(Echo), replyBytes.end()), Bytes(64 - sizeof(Echo), 0));
+        EXPECT_EQ(Bytes(arena.start, arena.current), data);
+    }
+}
+
+TEST_F(HostClientTest, Call_FailureLeavesTheReplyAndTellsWhetherTheConnectionGoesOn)
+{
+    const struct {
+        const char* name;
+        FakeMode mode;
+        Echo request;
+        size_t arenaOffered;
+        const char* timeout;  // NOS_CALL_TIMEOUT_MS
+        Retcode rc;
+        Retcode next;  // of the next call on the same connection
+    } cases[] = {
+        {"arena one byte too large", FakeMode::Answer, MakeEcho(1000, 2), 999, "10000", NK_E2BIG, NK_EOK},
+        {"arena spanning packets", FakeMode::Answer, MakeEcho(200000, 2), 100000, "10000", NK_E2BIG, NK_EOK},
+        {"message larger than offered", FakeMode::Answer, MakeEcho(33, 3), 0, "10000", NK_E2BIG, NK_EOK},
+        {"connection closed", FakeMode::Close, MakeEcho(1), 0, "10000", NK_EPIPE, NK_EPIPE},
+        {"no answer in time", FakeMode::Never, MakeEcho(1), 0, "200", NK_ETIMEDOUT, NK_EPIPE},
+    };
+    for (const auto& k : cases) {
+        SCOPED_TRACE(k.name);
+        ::setenv("NOS_CALL_TIMEOUT_MS", k.timeout, 1);
+        FakePeer echo("echo", {}, EchoBack);
+        echo.SetMode(k.mode);
+        Connection c;
+        Bytes arenaBytes(k.arenaOffered);
+        nk_arena arena;
+        nk_arena_init(&arena, arenaBytes.data(), arenaBytes.size());
+        Echo reply = MakeEcho(0xDEAD);
+        EXPECT_EQ(c.Call(k.request, reply, &arena), k.rc);
+        EXPECT_EQ(reply.tag, 0xDEADu);
+        EXPECT_EQ(reply.header.size, sizeof reply);
+        EXPECT_EQ(arena.current, arena.start);
+        echo.SetMode(FakeMode::Answer);
+        EXPECT_EQ(c.Call(MakeEcho(77), reply), k.next);
+        EXPECT_EQ(KnHandleClose(c.handle), NK_EOK);
+    }
+}
+
+TEST_F(HostClientTest, Call_ReplyWithAnotherSequenceNumberIsEprotoAndBreaksTheConnection)
+{
+    const int listener = BindSeqpacket((runtime.Path() / "echo.sock").string());
+    ASSERT_EQ(::listen(listener, 1), 0);
+    Connection c;
+    Echo reply = MakeEcho(0xDEAD);
+    auto call = std::async(std::launch::async, [&] { return c.Call(MakeEcho(1), reply); });
+    ASSERT_EQ(WaitFd(listener, POLLIN, Clock::now() + 10s), IoResult::Ok);
+    const RawClient server(::accept(listener, nullptr, nullptr));
+    FrameHeader request;
+    EXPECT_EQ(ReadEcho(server.fd, request).tag, 1u);
+    server.Send(Frame(FrameKind::Reply, BytesOf(MakeEcho(2)), request.sequence + 1));
+    EXPECT_EQ(call.get(), NK_EPROTO);
+    EXPECT_EQ(reply.tag, 0xDEADu);
+    EXPECT_EQ(c.Call(MakeEcho(3), reply), NK_EPIPE);
+    ::close(listener);
+}
+
+TEST_F(HostClientTest, Call_RefusesBadArgumentsWithoutSending)
+{
+    FakePeer echo("echo", {}, EchoBack);
+    Connection c;
+    const Echo good = MakeEcho(1);
+    Echo small = good;
+    nk_msg_set_size(&small.header, 23);
+    uint8_t bytes[8];
+    nk_arena backwards{bytes + 4, bytes + 4, bytes};
+    const nk_arena beyond{bytes, bytes + 5, bytes + 4};
+    Echo reply = MakeEcho(0xDEAD);
+    Echo smallReply = reply;
+    nk_msg_set_size(&smallReply.header, 16);
+    NkNosTransport* t = &c.t;
+    EXPECT_EQ(t->ops->call(nullptr, &good.header, nullptr, &reply.header, nullptr), NK_EINVAL);
+    EXPECT_EQ(t->ops->call(t, nullptr, nullptr, &reply.header, nullptr), NK_EINVAL);
+    EXPECT_EQ(t->ops->call(t, &small.header, nullptr, &reply.header, nullptr), NK_EINVAL);
+    EXPECT_EQ(t->ops->call(t, &good.header, nullptr, &smallReply.header, nullptr), NK_EINVAL);
+    EXPECT_EQ(t->ops->call(t, &good.header, &beyond, &reply.header, nullptr), NK_EINVAL);
+    EXPECT_EQ(t->ops->call(t, &good.header, nullptr, &reply.header, &backwards), NK_EINVAL);
+    EXPECT_EQ(reply.tag, 0xDEADu);
+    ASSERT_EQ(c.Call(MakeEcho(5), reply), NK_EOK);
+    EXPECT_EQ(echo.Requests().size(), 1u);  // only this one was sent
+    EXPECT_EQ(NkNosTransport_Init(t, INVALID_HANDLE, nullptr, 0), NK_EBADF);
+    EXPECT_EQ(NkNosTransport_Init(nullptr, c.handle, nullptr, 0), NK_EINVAL);
+}
+
+TEST_F(HostClientTest, Call_ThreadsSharingOneHandleGetTheirOwnReplies)
+{
+    FakePeer echo("echo", {}, EchoBack);
+    Connection c;
+    std::atomic<int> mismatches{0};
+    std::vector<std::thread> threads;
+    for (uint32_t thread = 0; thread < 4; ++thread) {
+        threads.emplace_back([&, thread] {
+            for (uint32_t tag = thread * 1000; tag < thread * 1000 + 50; ++tag) {
+                Echo reply = MakeEcho(0);
+                if (c.Call(MakeEcho(tag), reply) != NK_EOK || reply.tag != tag)
+                    ++mismatches;
+            }
+        });
+    }
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(mismatches.load(), 0);
+}
+
+TEST_F(HostClientTest, Connect_SameNameSharesOneConnectionUntilItBreaks)
+{
+    auto echo = std::make_unique<FakePeer>("echo", std::vector<std::string>{}, EchoBack);
+    Connection first;
+    Connection second;
+    EXPECT_EQ(second.handle, first.handle);
+    Echo reply = MakeEcho(0);
+    // Each connect counts one user: the first close leaves the connection open.
+    EXPECT_EQ(KnHandleClose(second.handle), NK_EOK);
+    EXPECT_EQ(first.Call(MakeEcho(7), reply), NK_EOK);
+    EXPECT_EQ(KnHandleClose(first.handle), NK_EOK);
+    EXPECT_EQ(KnHandleClose(first.handle), NK_EBADF);
+    EXPECT_EQ(first.Call(MakeEcho(7), reply), NK_EBADF);
+    // A connection whose server went away is replaced by a new one.
+    Connection held;
+    echo.reset();
+    echo = std::make_unique<FakePeer>("echo", std::vector<std::string>{}, EchoBack);
+    Connection fresh;
+    EXPECT_NE(fresh.handle, held.handle);
+    EXPECT_EQ(fresh.Call(MakeEcho(8), reply), NK_EOK);
+    EXPECT_EQ(held.Call(MakeEcho(9), reply), NK_EPIPE);
+}
+
+TEST_F(HostClientTest, ConnectAndGetRiid_FindTheChannelAndItsEndpoints)
+{
+    const struct {
+        const char* channel;
+        std::vector<std::string> endpoints;  // empty: the built-in table
+        const char* endpoint;
+        uint32_t riid;
+    } cases[] = {
+        {"verifier", {}, "Verifier.product", 0},       {"verifier", {}, "Verifier.applist", 1},
+        {"verifier", {}, "Verifier.other", INVALID_RIID}, {"nv.NvlogStorageEntity", {}, "nv.NvlogStorage.storage", 0},
+        {"echo", {"A.a", "B.b", "C.c"}, "C.c", 2},    {"echo", {"A.a", "B.b", "C.c"}, "A.", INVALID_RIID},
+        {"unlisted", {}, "Verifier.product", INVALID_RIID},
+    };
+    for (const auto& k : cases) {
+        SCOPED_TRACE(std::string(k.channel) + " " + k.endpoint);
+        std::optional<FakePeer> peer;
+        const Handle server = k.endpoints.empty() ? ServiceLocatorRegister(k.channel, nullptr, 0, nullptr) : INVALID_HANDLE;
+        if (!k.endpoints.empty())
+            peer.emplace(k.channel, k.endpoints, EchoBack);
+        const Handle handle = ServiceLocatorConnect(k.channel);
+        EXPECT_EQ(ServiceLocatorGetRiid(handle, k.endpoint), k.riid);
+        EXPECT_EQ(KnHandleClose(handle), NK_EOK);
+        (void)ServiceLocatorUnregister(server);
+    }
+    EXPECT_EQ(ServiceLocatorGetRiid(INVALID_HANDLE, "Verifier.product"), INVALID_RIID);
+    ::close(BindSeqpacket((runtime.Path() / "stale.sock").string()));  // as a server killed outright leaves it
+    for (const char* name : {"nobody", "stale", "../escape", ""})
+        EXPECT_EQ(ServiceLocatorConnect(name), INVALID_HANDLE) << name;
+    EXPECT_EQ(ServiceLocatorConnect(nullptr), INVALID_HANDLE);
+}
+
+class HostServerTest : public RuntimeDirTest {
+protected:
+    HostServerTest() { EXPECT_EQ(NkNosTransportSync_Init(&t, channel, INVALID_HANDLE, INVALID_HANDLE), NK_EOK); }
+    ~HostServerTest() override { (void)ServiceLocatorUnregister(channel); }
+
+    // A receive into a buffer of exactly one Echo; one that does not return
+    // in 10 s has the channel closed under it.
+    Retcode Receive(Echo& request, nk_arena* arena = nullptr)
+    {
+        nk_msg_set_size(&request.header, sizeof request);
+        auto pending = std::async(std::launch::async, [&] { return t.ops->recv(&t, &request.header, arena); });
+        if (pending.wait_for(10s) != std::future_status::ready)
+            (void)ServiceLocatorUnregister(channel);
+        return pending.get();
+    }
+    Retcode Reply(const Echo& request) { return t.ops->reply(&t, &request.header, nullptr); }
+
+    Handle channel = ServiceLocatorRegister("srv", nullptr, 0, nullptr);
+    NkNosTransport t{};
+};
+
+TEST_F(HostServerTest, Recv_DropsMisbehavingClientsAndServesTheNext)
+{
+    const Bytes echo = BytesOf(MakeEcho(0));
+    const auto patched = [&](size_t at, uint8_t value) {
+        Bytes packet = Frame(FrameKind::Request, echo);
+        packet[at] = value;
+        return packet;
+    };
+    const auto firstPacket = [&](uint32_t arena) {  // of a frame longer than one packet
+        Bytes packet = Frame(FrameKind::Request, echo, 1, 1, arena);
+        packet.resize(kPacketMax);
+        return packet;
+    };
+    Bytes shortByOne = Frame(FrameKind::Request, echo);
+    shortByOne.pop_back();
+    const struct {
+        const char* name;
+        Bytes packet;
+        const char* reason;
+    } cases[] = {
+        {"bad magic", patched(0, 0x4F), "malformed frame"},
+        {"bad version", patched(4, 9), "malformed frame"},
+        {"bad kind", patched(5, 77), "malformed frame"},
+        {"message under 24 bytes", Frame(FrameKind::Request, Bytes(20)), "malformed frame"},
+        {"arena over the limit", firstPacket(kArenaMax + 1), "malformed frame"},
+        {"packet shorter than its header says", shortByOne, "malformed frame"},
+        {"bytes that are no frame", {'h', 'e', 'l', 'l', 'o'}, "malformed frame"},
+        {"reply instead of request", Frame(FrameKind::Reply, echo), "frame of a kind other than request"},
+        {"more arena than offered", firstPacket(70001), "request larger than the buffers offered"},
+        {"client gone in mid-frame", firstPacket(70000), "broken request frame"},
+    };
+    LogCapture log;
+    StderrCapture platformLog(log);
+    Bytes arenaBytes(70000);
+    for (const auto& k : cases) {
+        SCOPED_TRACE(k.name);
+        RawClient(runtime).Send(k.packet);
+        RawClient good(runtime);
+        good.Request(42);
+        nk_arena arena;
+        nk_arena_init(&arena, arenaBytes.data(), arenaBytes.size());
+        Echo request{};
+        ASSERT_EQ(Receive(request, &arena), NK_EOK);
+        EXPECT_EQ(request.tag, 42u);
+        EXPECT_EQ(nk_arena_used(&arena), 0u);
+        ASSERT_EQ(Reply(request), NK_EOK);
+        EXPECT_EQ(good.ReplyTag(), 42u);
+        EXPECT_TRUE(log.WaitFor(std::string("dropped: ") + k.reason));
+        log.Clear();
+    }
+}
+
+TEST_F(HostServerTest, Recv_TakesTheEarliestSentRequestFirst)
+{
+    // Connected and sent in the order 3, 1, 2; stamped 1, 2, 3.
+    RawClient third(runtime), first(runtime), second(runtime);
+    third.Request(3, 3000);
+    first.Request(1, 1000);
+    second.Request(2, 2000);
+    for (uint32_t tag = 1; tag <= 3; ++tag) {
+        Echo request{};
+        ASSERT_EQ(Receive(request), NK_EOK);
+        EXPECT_EQ(request.tag, tag);
+        ASSERT_EQ(Reply(request), NK_EOK);
+    }
+    EXPECT_EQ(Reply(MakeEcho(0)), NK_EINVAL);  // nothing received since
+}
+
+TEST_F(HostServerTest, Recv_TwoThreadsOnOneChannelAnswerEveryClient)
+{
+    constexpr uint32_t kClients = 6;
+    std::atomic<uint32_t> served{0};
+    std::atomic<uint32_t> failures{0};
+    NkNosTransport second{};
+    ASSERT_EQ(NkNosTransportSync_Init(&second, channel, INVALID_HANDLE, INVALID_HANDLE), NK_EOK);
+    const auto serve = [&](NkNosTransport own) {
+        for (;;) {
+            Echo request = MakeEcho(0);
+            const Retcode rc = own.ops->recv(&own, &request.header, nullptr);
+            if (rc == NK_EBADF)
+                return;  // the channel was closed: the test is over
+            (rc == NK_EOK && own.ops->reply(&own, &request.header, nullptr) == NK_EOK ? served : failures)++;
+        }
+    };
+    std::thread a(serve, t), b(serve, second);
+    std::vector<std::future<uint32_t>> clients;
+    for (uint32_t i = 0; i < kClients; ++i) {
+        clients.push_back(std::async(std::launch::async, [this, i] {
+            RawClient client(runtime);
+            client.Request(100 + i);
+            return client.ReplyTag();
+        }));
+    }
+    for (uint32_t i = 0; i < kClients; ++i)
+        EXPECT_EQ(clients[i].get(), 100 + i);
+    EXPECT_EQ(ServiceLocatorUnregister(channel), NK_EOK);
+    a.join();
+    b.join();
+    EXPECT_EQ(served.load(), kClients);
+    EXPECT_EQ(failures.load(), 0u);
+}
+
+TEST_F(HostServerTest, RecvAndReply_RefuseBadArguments)
+{
+    Echo request = MakeEcho(0);
+    nk_msg_set_size(&request.header, 23);
+    EXPECT_EQ(t.ops->recv(&t, &request.header, nullptr), NK_EINVAL);
+    EXPECT_EQ(t.ops->recv(&t, nullptr, nullptr), NK_EINVAL);
+    EXPECT_EQ(t.ops->recv(nullptr, &request.header, nullptr), NK_EINVAL);
+    NkNosTransport other{};
+    EXPECT_EQ(NkNosTransportSync_Init(&other, INVALID_HANDLE, INVALID_HANDLE, INVALID_HANDLE), NK_EBADF);
+    EXPECT_EQ(NkNosTransportSync_Init(&other, channel, INVALID_HANDLE, channel), NK_EBADF);
+}
+
+}  // namespace
