@@ -1,11 +1,9 @@
-// Platform log, runtime directory, call time-outs and endpoint tables of the
-// host platform.
+// Platform log, runtime directory and call time-outs of the host platform.
 #include "runtime.h"
 #include "support/log_capture.h"
 #include "support/runtime_dir.h"
 
 #include <nos/platform.h>
-#include <nos_host/host.h>
 
 #include <gtest/gtest.h>
 
@@ -69,12 +67,9 @@ TEST_F(HostRuntimeTest, CallTimeoutFor_LogStorageCallsAreBoundedAtTwoSeconds)
         const char* channel;
         std::optional<std::chrono::milliseconds> expected;
     } cases[] = {
-        {nullptr, "verifier", std::nullopt},
-        {"0", "verifier", std::nullopt},
-        {"12x", "verifier", std::nullopt},
-        {"500", "verifier", 500ms},
-        {nullptr, "nv.NvlogStorageEntity", 2000ms},
-        {"500", "nv.NvlogStorageEntity", 500ms},
+        {nullptr, "verifier", std::nullopt},         {"0", "verifier", std::nullopt},
+        {"12x", "verifier", std::nullopt},           {"500", "verifier", 500ms},
+        {nullptr, "nv.NvlogStorageEntity", 2000ms},  {"500", "nv.NvlogStorageEntity", 500ms},
         {"5000", "nv.NvlogStorageEntity", 2000ms},
     };
     for (const auto& k : cases) {
@@ -85,20 +80,6 @@ TEST_F(HostRuntimeTest, CallTimeoutFor_LogStorageCallsAreBoundedAtTwoSeconds)
             ::unsetenv("NOS_CALL_TIMEOUT_MS");
         EXPECT_EQ(nos_host::CallTimeoutFor(k.channel), k.expected);
     }
-}
-
-TEST(HostEndpoints, NosHostSetEndpoints_RefusesBadTables)
-{
-    const char* good[] = {"A.a", "B.b"};
-    const char* bad[][1] = {{"A a"}, {""}, {nullptr}};
-    EXPECT_EQ(NosHostSetEndpoints("chan", good, 2), NK_EOK);
-    EXPECT_EQ(NosHostSetEndpoints("chan", nullptr, 0), NK_EOK);
-    for (const auto& table : bad)
-        EXPECT_EQ(NosHostSetEndpoints("chan", table, 1), NK_EINVAL);
-    EXPECT_EQ(NosHostSetEndpoints("chan", nullptr, 1), NK_EINVAL);
-    EXPECT_EQ(NosHostSetEndpoints("a/b", good, 2), NK_EINVAL);
-    EXPECT_EQ(NosHostSetEndpoints(nullptr, good, 2), NK_EINVAL);
-    EXPECT_EQ(NosHostSetEndpoints("chan", good, INVALID_RIID), NK_EINVAL);
 }
 
 }  // namespace
