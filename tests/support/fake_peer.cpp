@@ -129,32 +129,18 @@ void FakePeer::Serve()
 
 namespace {
 
-class SessionTable final : public update::registry::ipc::IRegistry {
+namespace reg = update::registry::ipc;
+
+// GetInfo over the sessions; the rest is not the fake's business.
+class SessionTable final : public reg::IRegistry {
 public:
-    explicit SessionTable(std::map<unsigned int, update::registry::ipc::SessionInfo> sessions)
-        : m_sessions(std::move(sessions))
-    {
-    }
-    int Open(update::registry::ipc::PackageType, unsigned int&) override { return eka::result::NotImplemented; }
+    explicit SessionTable(std::map<unsigned int, reg::SessionInfo> sessions) : m_sessions(std::move(sessions)) {}
+    int Open(reg::PackageType, unsigned int&) override { return eka::result::NotImplemented; }
     int Close(unsigned int) override { return eka::result::NotImplemented; }
-    int SetState(unsigned int, update::registry::ipc::UpdateState) override { return eka::result::NotImplemented; }
-    int GetSessions(std::vector<update::registry::ipc::SessionInfo>& sessions) const override
-    {
-        for (const auto& [handle, session] : m_sessions)
-            sessions.push_back(session);
-        return 0;
-    }
-    int GetHandle(const eka::guid_t& id, unsigned int& handle) const override
-    {
-        for (const auto& [known, session] : m_sessions) {
-            if (session.id == id) {
-                handle = known;
-                return 0;
-            }
-        }
-        return eka::result::NotFound;
-    }
-    int GetInfo(unsigned int handle, update::registry::ipc::SessionInfo& info) const override
+    int GetSessions(std::vector<reg::SessionInfo>&) const override { return eka::result::NotImplemented; }
+    int GetHandle(const eka::guid_t&, unsigned int&) const override { return eka::result::NotImplemented; }
+    int SetState(unsigned int, reg::UpdateState) override { return eka::result::NotImplemented; }
+    int GetInfo(unsigned int handle, reg::SessionInfo& info) const override
     {
         const auto found = m_sessions.find(handle);
         if (found == m_sessions.end())
@@ -164,31 +150,33 @@ public:
     }
 
 private:
-    const std::map<unsigned int, update::registry::ipc::SessionInfo> m_sessions;
+    const std::map<unsigned int, reg::SessionInfo> m_sessions;
 };
+
+// The registry's dispatcher answers, as the registry entity would.
+Exchanged AnswerAsRegistry(SessionTable& table, const Exchanged& in)
+{
+    nv_IUpdateRegistry_req request{};
+    std::memcpy(&request, in.message.data(), std::min(in.message.size(), sizeof request));
+    Bytes requestArenaBytes = in.arena;
+    nk_arena requestArena{requestArenaBytes.data(), requestArenaBytes.data() + requestArenaBytes.size(),
+                          requestArenaBytes.data() + requestArenaBytes.size()};
+    nv_IUpdateRegistry_res response{};
+    Bytes arenaBytes(reg::kDispatchArenaSize);
+    nk_arena responseArena;
+    nk_arena_init(&responseArena, arenaBytes.data(), arenaBytes.size());
+    reg::RegistryComponent component{&table, 0};
+    (void)reg::DispatchRegistry(&component, &request.base_, &requestArena, &response.base_, &responseArena);
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&response);
+    return {Copy(bytes, bytes + nk_msg_size(&response.base_)), Copy(responseArena.start, responseArena.current)};
+}
 
 }  // namespace
 
 FakeRegistry::FakeRegistry(std::map<unsigned int, update::registry::ipc::SessionInfo> sessions)
     : FakePeer("update_registry", {"UpdateRegistry.UpdateRegistry"},
                [table = std::make_shared<SessionTable>(std::move(sessions))](const Exchanged& in) {
-                   using namespace update::registry::ipc;
-                   nv_IUpdateRegistry_req request{};
-                   std::memcpy(&request, in.message.data(), std::min(in.message.size(), sizeof request));
-                   Bytes requestArenaBytes = in.arena;
-                   nk_arena requestArena;
-                   nk_arena_init(&requestArena, requestArenaBytes.data(), requestArenaBytes.size());
-                   requestArena.current = requestArena.end;
-                   nv_IUpdateRegistry_res response{};
-                   Bytes arenaBytes(kDispatchArenaSize);
-                   nk_arena responseArena;
-                   nk_arena_init(&responseArena, arenaBytes.data(), arenaBytes.size());
-                   RegistryComponent component{table.get(), 0};
-                   (void)DispatchRegistry(&component, &request.base_, &requestArena, &response.base_,
-                                          &responseArena);
-                   const auto* bytes = reinterpret_cast<const std::uint8_t*>(&response);
-                   return Exchanged{Copy(bytes, bytes + nk_msg_size(&response.base_)),
-                                    Copy(responseArena.start, responseArena.current)};
+                   return AnswerAsRegistry(*table, in);
                })
 {
 }

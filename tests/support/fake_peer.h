@@ -80,7 +80,7 @@ private:
 
 // "update_registry", endpoint "UpdateRegistry.UpdateRegistry": the registry
 // interface over `sessions` (handle to session). GetInfo of another handle
-// answers 0x8000004C (not found); Open, Close and SetState 0x80000043 (not
+// answers 0x8000004C (not found); the other methods 0x80000043 (not
 // implemented).
 class FakeRegistry : public FakePeer {
 public:

@@ -54,31 +54,28 @@ Process::Process(const std::vector<std::string>& argv, const std::vector<std::st
         environment.emplace_back(*e);
     const auto rawArgs = Pointers(args);
     const auto rawEnvironment = Pointers(environment);
-    int toChild[2];
-    int fromChild[2];
     std::string logName = (std::filesystem::temp_directory_path() / "test-process-log-XXXXXX").string();
     m_log = ::mkostemp(logName.data(), O_CLOEXEC);
-    if (m_log < 0 || ::pipe2(toChild, O_CLOEXEC) != 0)
-        throw std::runtime_error("cannot make the log or the pipes of " + argv.at(0));
+    const int input = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    int output[2];
+    if (m_log < 0 || input < 0 || ::pipe2(output, O_CLOEXEC) != 0)
+        throw std::runtime_error("cannot make the log or the pipe of " + argv.at(0));
     ::unlink(logName.c_str());  // the descriptors keep it
-    if (::pipe2(fromChild, O_CLOEXEC) != 0)
-        throw std::runtime_error("cannot make the pipes of " + argv.at(0));
     const pid_t parent = ::getpid();
     m_pid = ::fork();
     if (m_pid == 0) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (::getppid() != parent)
             ::_exit(127);
-        ::dup2(toChild[0], STDIN_FILENO);
-        ::dup2(fromChild[1], STDOUT_FILENO);
+        ::dup2(input, STDIN_FILENO);
+        ::dup2(output[1], STDOUT_FILENO);
         ::dup2(m_log, STDERR_FILENO);
         ::execve(rawArgs[0], rawArgs.data(), rawEnvironment.data());
         ::_exit(127);
     }
-    ::close(toChild[0]);
-    ::close(fromChild[1]);
-    m_input = toChild[1];
-    m_output = fromChild[0];
+    ::close(input);
+    ::close(output[1]);
+    m_output = output[0];
     if (m_pid < 0) {
         m_status = 127;
         throw std::runtime_error("cannot fork for " + argv.at(0));
@@ -91,8 +88,8 @@ Process::~Process()
         Signal(SIGKILL);
         (void)Wait(10s);
     }
-    for (const int fd : {m_input, m_output, m_log})
-        ::close(fd);
+    ::close(m_output);
+    ::close(m_log);
 }
 
 bool Process::WaitServing(const std::string& channel, std::chrono::milliseconds timeout)
@@ -130,13 +127,6 @@ std::optional<std::string> Process::ReadLine(std::chrono::milliseconds timeout)
         if (n > 0)
             m_buffered.append(chunk, static_cast<size_t>(n));
     }
-}
-
-void Process::WriteLine(std::string_view line)
-{
-    const std::string text = std::string(line) + '\n';
-    if (::write(m_input, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
-        throw std::runtime_error("cannot write to the child's input");
 }
 
 void Process::Signal(int signal)

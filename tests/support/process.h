@@ -6,8 +6,8 @@
 //   EXPECT_EQ(registry.Stop(), 0);
 //
 // The child gets this process's environment (NOS_RUNTIME_DIR included) with
-// `env` ("NAME=value") on top; its standard input and output are pipes to
-// the test (WriteLine, ReadLine) and its standard error goes to a file (Log).
+// `env` ("NAME=value") on top; its standard output is a pipe to the test
+// (ReadLine), its standard error goes to a file (Log), its input is empty.
 // It is killed when the thread that started it ends, and killed and reaped
 // when the object goes. A log-storage process writes its records to the file
 // given with --out: read it with ReadFile.
@@ -19,7 +19,6 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace test_support {
@@ -51,7 +50,6 @@ public:
     // The next line of its standard output, without the newline; none on
     // time-out or at the end of the output.
     std::optional<std::string> ReadLine(std::chrono::milliseconds timeout = 10s);
-    void WriteLine(std::string_view line);
     // Sends `signal` unless the child has already been reaped.
     void Signal(int signal);
     // The exit status, 128 + the signal number when a signal ended it; none
@@ -65,7 +63,6 @@ public:
 
 private:
     pid_t m_pid = -1;
-    int m_input = -1;
     int m_output = -1;
     int m_log = -1;
     std::string m_buffered;
