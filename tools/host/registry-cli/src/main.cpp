@@ -58,6 +58,7 @@ Options:
   --connection NAME   the registry's channel (default "update_registry")
   --endpoint NAME     its endpoint (default "UpdateRegistry.UpdateRegistry")
   -h, --help          this text
+  --version           the version
 
 Exit status: 0 success; 1 the call failed, its code printed on standard
 error as 0x%08x with its message; 2 bad command line.
@@ -219,6 +220,10 @@ Invocation ParseCommandLine(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    if (argc == 2 && std::string_view(argv[1]) == "--version") {
+        std::puts("registry-cli " VERIFIER_VERSION);
+        return 0;
+    }
     try {
         const Invocation invocation = ParseCommandLine(argc, argv);
         if (invocation.help) {

@@ -42,6 +42,7 @@ HANDLE is the session's registry handle in decimal or 0x-hexadecimal (at most
 
   --raw       also print the 32 reply bytes in hexadecimal, before the result
   -h, --help  this text
+  --version   the version
 
 Exit status: 0 the result is 0; 1 the result is a failure; 2 bad command line,
 no verifier serving, or a transport failure.
@@ -149,6 +150,10 @@ int Run(const Options& options)
 
 int main(int argc, char** argv)
 {
+    if (argc == 2 && std::string_view(argv[1]) == "--version") {
+        std::puts("verifier-cli " VERIFIER_VERSION);
+        return 0;
+    }
     Options options;
     try {
         options = ParseOptions(argc, argv);
