@@ -22,6 +22,7 @@ set(VERIFIER_LIBEXEC_PROGRAMS verifier log-storage signature-verifier update-reg
 set(VERIFIER_BIN_PROGRAMS registry-cli verifier-cli gost-hash)
 set(VERIFIER_BIN_SCRIPTS sign-package make-test-pki)
 
+# The text of --version: "<program> VERIFIER_VERSION".
 foreach(program IN LISTS VERIFIER_LIBEXEC_PROGRAMS VERIFIER_BIN_PROGRAMS)
   target_compile_definitions(${program} PRIVATE VERIFIER_VERSION="${PROJECT_VERSION}")
 endforeach()
