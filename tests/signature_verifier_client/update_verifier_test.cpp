@@ -171,7 +171,7 @@ TEST_F(UpdateVerifierTest, VerifyAndVerifyHash_AbsentEntity_InvalidContext)
 {
     const bool strict = VERIFIER_STRICT_SIGNATURE_STATUS != 0;
     const std::uint32_t code = strict ? 0x80000045u : 0x80000151u;
-    const std::string failure = strict ? "Expression failed fail to initialize context: 0x80000045 (Access denied)"
+    const std::string failure = strict ? "Expression failedfail to initialize context: 0x80000045 (Access denied)"
                                        : "invalid context";
     const auto data = Write("data", ToBytes("bytes"));
     const auto signature = Write("signature", ToBytes("signature"));
