@@ -110,6 +110,8 @@ TEST_F(ConnectionManagerTest, Add_RefusesInvalidBlocksAndLeavesManagerUnchanged)
     // Relative ids go past the largest group known; replace redefines.
     EXPECT_EQ(manager.Add({{{"c", {5, 1}}}, {{1, 0}}, nullptr}, false, false), 2u);
     EXPECT_EQ(manager.Add({{{"a", {6, 1}}}, {{1, 9}}, nullptr}, true, true), 0u);
+    // Only 65535 is invalid in the plan; a wider riid is refused on accepting.
+    EXPECT_EQ(manager.Add({{{"d", {70000, 1}}}, {}, nullptr}, true, false), 0u);
 }
 
 TEST_F(ConnectionManagerTest, ConnectionManager_InvalidConfigurationThrows)
@@ -222,10 +224,11 @@ TEST_F(ConnectionManagerTest, Worker_UnplannedServiceIsRefusedAndPausesTheWorker
 TEST_F(ConnectionManagerTest, Worker_RefusedRequestsAreDroppedAndLogged)
 {
     Publish("echo");
+    Publish("wide");
     std::atomic<bool> refuse = true;
     auto block = std::make_shared<ConnectionManager::CbkSet>();
     block->accept = [&refuse](const char*, const char*, unsigned, unsigned, unsigned&) { return !refuse; };
-    ConnectionManager manager(Config({{{"echo", {3, 1}}}, {}, block}));
+    ConnectionManager manager(Config({{{"echo", {3, 1}}, {"wide", {70000, 2}}}, {}, block}));
     ASSERT_TRUE(manager.Start());
 
     const std::string refused = "connect failed " + std::to_string(NK_ECONNREFUSED);
@@ -243,19 +246,20 @@ TEST_F(ConnectionManagerTest, Worker_RefusedRequestsAreDroppedAndLogged)
     const auto handle = manager.TakeGroupHandle(1, nullptr);
     ASSERT_TRUE(handle.has_value());
     ASSERT_EQ(KnHandleClose(*handle), NK_EOK);
-    {
-        ClientProcess client({"dynamic", "echo"});
+    for (const char* service : {"echo", "wide"}) {
+        ClientProcess client({"dynamic", service});
         EXPECT_EQ(client.ReadLine().value_or("<none>"), refused);
     }
 
-    const auto notified = WaitNotified(3);  // each comes after its log line
+    const auto notified = WaitNotified(4);  // each comes after its log line
     const auto lines = m_log.Lines();
-    ASSERT_EQ(lines.size(), 3u);
+    ASSERT_EQ(lines.size(), 4u);
     const std::string client = R"(ConnectionManager: ipc_test_client\.[0-9]+\.1:echo \[3\] #1: )";
     EXPECT_THAT(lines[1].text, MatchesRegex(client + R"(not accepted by user \(KnCmDrop=0\))"));
     EXPECT_THAT(lines[2].text, MatchesRegex(client + R"(not accepted: KnCmAccept\(\) = -9 \(KnCmDrop\(\)=0\))"));
-    EXPECT_TRUE(lines[1].isError && lines[2].isError);
-    ASSERT_EQ(notified.size(), 3u);
+    EXPECT_THAT(lines[3].text, MatchesRegex(R"(.*:wide \[70000\] #2: not accepted: KnCmAccept\(\) = -22 .*)"));
+    EXPECT_TRUE(lines[1].isError && lines[2].isError && lines[3].isError);
+    ASSERT_EQ(notified.size(), 4u);
     EXPECT_FALSE(notified[0].accepted);
     EXPECT_EQ(notified[0].handle, INVALID_HANDLE);
     EXPECT_TRUE(notified[1].accepted);

@@ -79,17 +79,20 @@ TEST_F(DynamicServerTest, Server_FailedDynamicSetUpThrowsAndWithdrawsEverything)
 {
     struct FailCase {
         const char* name;
-        nos::ipc::DynamicIpcDescriptor descriptor;
+        std::vector<nos::ipc::DynamicIpcDescriptor> descriptors;
         std::uint64_t dynamicThreads;
         std::uint32_t line;
         const char* message;
         std::vector<LogCapture::Line> log;
     };
     const std::vector<FailCase> cases = {
-        {"thread counts differ", {"test.Echo", "echo", 3}, 2, 166,
+        // One "Registered" line per descriptor, published or not, after all.
+        {"thread counts differ", {{"test.Echo", "echo", 3}, {"bad type", "other", 4}}, 2, 166,
          "Boolean expression \"m_staticThreadsCount == m_dynamicThreadsCount\" is false",
-         {{"Registered NameServer service echo, type test.Echo", false}}},
-        {"riid the manager refuses", {"test.Echo", "echo", 65535}, 1, 173,
+         {{"NameServer service other, type bad type not published: error code -22", true},
+          {"Registered NameServer service echo, type test.Echo", false},
+          {"Registered NameServer service other, type bad type", false}}},
+        {"riid the manager refuses", {{"test.Echo", "echo", 65535}}, 1, 173,
          "Boolean expression \"m_connectionManager && m_connectionManager->Start()\" is false",
          {{"Registered NameServer service echo, type test.Echo", false},
           {"ConnectionManager: user plan contains invalid riid or group id", true},
@@ -98,7 +101,7 @@ TEST_F(DynamicServerTest, Server_FailedDynamicSetUpThrowsAndWithdrawsEverything)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         m_log.Clear();
-        auto context = Context({c.descriptor});
+        auto context = Context(c.descriptors);
         context.dynamicThreadsCount = c.dynamicThreads;
         try {
             EchoServer server(&m_entity, EchoDispatch, context);

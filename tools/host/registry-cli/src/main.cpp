@@ -52,7 +52,8 @@ Commands:
                       installation-failed cancelled finished
   info H              print session H as JSON: type, state, id, path
 
-H is a handle in decimal or 0x-hexadecimal.
+H is a handle in decimal or 0x-hexadecimal, at most 0xFFFFFF (16777215): the
+registry's messages carry 24 bits of it, so a larger one is refused.
 
 Options:
   --connection NAME   the registry's channel (default "update_registry")
@@ -88,7 +89,12 @@ T Parse(const std::optional<T>& parsed, std::string_view what, std::string_view 
     return *parsed;
 }
 
-unsigned int HandleArg(std::string_view text) { return Parse(update_registry::HandleFromText(text), "handle", text); }
+// The registry's messages carry 24 bits of a handle: a larger one would name
+// another session.
+unsigned int HandleArg(const std::string& text)
+{
+    return update_registry::HandleOperand(text, 0xFFFFFF, "0xFFFFFF: a registry message carries 24 bits of a handle");
+}
 
 // A command parses its arguments first (UsageError), before anything is
 // connected, and gives the call to make.
