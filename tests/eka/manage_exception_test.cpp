@@ -45,8 +45,8 @@ TEST_F(ManageExceptionTest, ManageException_EachKindLogsAndGivesCode)
         {"result code zero", [] { throw eka::ResultCodeException(0, u"odd"); }, 0x80000152u,
          "ctx: odd: 0x00000000 (No error) ; detailed: exception during: Open"},
         {"check result",
-         [] { throw eka::CheckResultFailedException(-22, u"Expression failed") << " fail to initialize context"; },
-         0xFFFFFFEAu, "ctx: Expression failed fail to initialize context: 0xffffffea (Unknown result code) ; "
+         [] { throw eka::CheckResultFailedException(-22, u"Expression failed") << "fail to initialize context"; },
+         0xFFFFFFEAu, "ctx: Expression failedfail to initialize context: 0xffffffea (Unknown result code) ; "
                       "detailed: exception during: Open"},
         {"check", [] { throw eka::CheckFailedException(u"invalid update state: ") << 11u; }, 0x80000151u,
          "ctx: invalid update state: 11 ; detailed: exception during: Open"},

@@ -49,12 +49,12 @@ protected:
     IpcConnectionManagerTest()
     {
         EXPECT_EQ(NsCreate(nullptr, -1, &m_ns), NK_EOK);
-        for (const char* service : {"echo", "stray"})
+        for (const char* service : {"echo", "stray", "wide"})
             EXPECT_EQ(NsPublishService(m_ns, "test.Echo", nullptr, service), NK_EOK);
     }
     ~IpcConnectionManagerTest() override
     {
-        for (const char* service : {"echo", "stray"})
+        for (const char* service : {"echo", "stray", "wide"})
             (void)NsUnPublishService(m_ns, "test.Echo", nullptr, service);
         (void)KnHandleClose(m_ns);
     }
@@ -108,6 +108,8 @@ TEST_F(IpcConnectionManagerTest, Add_RefusesInvalidBlocksAndLeavesTheManagerUnch
     // Relative ids go past the largest group known; replace redefines.
     EXPECT_EQ(manager.Add({{{"c", {5, 1}}}, {{1, 0}}, nullptr}, false, false), 2u);
     EXPECT_EQ(manager.Add({{{"a", {6, 1}}}, {{1, 9}}, nullptr}, true, true), 0u);
+    // Only 65535 is invalid in the plan; a wider riid is refused on accepting.
+    EXPECT_EQ(manager.Add({{{"d", {70000, 1}}}, {}, nullptr}, true, false), 0u);
 }
 
 TEST_F(IpcConnectionManagerTest, Worker_AcceptsOnThePlannedRiidAndWakesTheWaitersOfTheGroup)
@@ -146,7 +148,7 @@ TEST_F(IpcConnectionManagerTest, Worker_DropsAndLogsRequestsItCannotAccept)
     std::atomic<bool> refuse = true;
     auto block = std::make_shared<ConnectionManager::CbkSet>();
     block->accept = [&refuse](const char*, const char*, unsigned, unsigned, unsigned&) { return !refuse; };
-    ConnectionManager manager(Config({{{"echo", {3, 1}}}, {}, block}));
+    ConnectionManager manager(Config({{{"echo", {3, 1}}, {"wide", {70000, 2}}}, {}, block}));
     ASSERT_TRUE(manager.Start());
 
     EXPECT_EQ(Connect("stray"), NK_ECONNREFUSED);
@@ -161,10 +163,11 @@ TEST_F(IpcConnectionManagerTest, Worker_DropsAndLogsRequestsItCannotAccept)
     ASSERT_TRUE(handle.has_value());
     ASSERT_EQ(KnHandleClose(*handle), NK_EOK);
     EXPECT_EQ(Connect("echo"), NK_ECONNREFUSED);
+    EXPECT_EQ(Connect("wide"), NK_ECONNREFUSED);  // no interface index carries its riid
 
-    ASSERT_TRUE(log.WaitFor("notified", 3));  // each follows its log line
+    ASSERT_TRUE(log.WaitFor("notified", 4));  // each follows its log line
     const auto lines = log.Lines();
-    ASSERT_EQ(lines.size(), 7u);
+    ASSERT_EQ(lines.size(), 9u);
     const std::string client = R"(ConnectionManager: fdn_ipc_tests\.[0-9]+\.[0-9]+)";
     EXPECT_THAT(lines[1].text, MatchesRegex(client + R"(\.stray: not found in user plan)"));
     EXPECT_THAT(lines[2].text, MatchesRegex(client + R"(:echo \[3\] #1: not accepted by user \(KnCmDrop=0\))"));
@@ -173,7 +176,10 @@ TEST_F(IpcConnectionManagerTest, Worker_DropsAndLogsRequestsItCannotAccept)
     EXPECT_THAT(lines[5].text,
                 MatchesRegex(client + R"(:echo \[3\] #1: not accepted: KnCmAccept\(\) = -9 \(KnCmDrop\(\)=0\))"));
     EXPECT_EQ(lines[6].text, "notified echo 3 refused");
-    for (const size_t i : {1, 2, 5})
+    EXPECT_THAT(lines[7].text,
+                MatchesRegex(client + R"(:wide \[70000\] #2: not accepted: KnCmAccept\(\) = -22 \(KnCmDrop\(\)=0\))"));
+    EXPECT_EQ(lines[8].text, "notified wide 70000 refused");
+    for (const size_t i : {1, 2, 5, 7})
         EXPECT_EQ(lines[i].level, kError);
 }
 

@@ -284,6 +284,7 @@ TEST_F(IpcServerTest, Server_FailedChecksThrowAndLeaveNothingRegistered)
     EchoServer busy(&entity, EchoDispatch, Context());
     const std::vector<std::string> before = runtime.Files();
     const LogLine published{"Registered NameServer service svc, type test.Echo", kInfo};
+    const nos::ipc::DynamicIpcDescriptor svc{"test.Echo", "svc", 3};
     const char* const noChannel =
         "Boolean expression \"m_autoService && (m_autoService->GetHandle() != (0xffffffffU))\" is false";
     const struct {
@@ -291,21 +292,24 @@ TEST_F(IpcServerTest, Server_FailedChecksThrowAndLeaveNothingRegistered)
         EchoEntity* entity;
         EchoServer::DispatchFn dispatch;
         std::string service;
-        std::uint32_t riid;        // of the one descriptor; 0: static mode
+        std::vector<nos::ipc::DynamicIpcDescriptor> descriptors;  // none: static mode
         std::uint64_t dynamicThreads;
         const char* function;
         std::uint32_t line;
         const char* message;
         std::vector<LogLine> log;
     } cases[] = {
-        {"no entity", nullptr, EchoDispatch, "other", 0, 0, "Server", 68, "Boolean expression \"m_entity\" is false", {}},
-        {"no dispatch", &entity, nullptr, "other", 0, 0, "Server", 69, "Boolean expression \"m_entityDispatchFn\" is false", {}},
-        {"name the locator refuses", &entity, EchoDispatch, "no such/channel", 0, 0, "InitStatic", 130, noChannel, {}},
-        {"empty name", &entity, EchoDispatch, "", 0, 0, "InitStatic", 130, noChannel, {}},
-        {"channel already served", &entity, EchoDispatch, "echo", 0, 0, "InitStatic", 130, noChannel, {}},
-        {"thread counts differ", &entity, EchoDispatch, "", 3, 2, "InitDynamic", 166,
-         "Boolean expression \"m_staticThreadsCount == m_dynamicThreadsCount\" is false", {published}},
-        {"riid the manager refuses", &entity, EchoDispatch, "", 65535, 1, "InitDynamic", 173,
+        {"no entity", nullptr, EchoDispatch, "other", {}, 0, "Server", 68, "Boolean expression \"m_entity\" is false", {}},
+        {"no dispatch", &entity, nullptr, "other", {}, 0, "Server", 69, "Boolean expression \"m_entityDispatchFn\" is false", {}},
+        {"name the locator refuses", &entity, EchoDispatch, "no such/channel", {}, 0, "InitStatic", 130, noChannel, {}},
+        {"empty name", &entity, EchoDispatch, "", {}, 0, "InitStatic", 130, noChannel, {}},
+        {"channel already served", &entity, EchoDispatch, "echo", {}, 0, "InitStatic", 130, noChannel, {}},
+        // One "Registered" line per descriptor, published or not, after all.
+        {"thread counts differ", &entity, EchoDispatch, "", {svc, {"bad type", "other", 4}}, 2, "InitDynamic", 166,
+         "Boolean expression \"m_staticThreadsCount == m_dynamicThreadsCount\" is false",
+         {{"NameServer service other, type bad type not published: error code -22", kError}, published,
+          {"Registered NameServer service other, type bad type", kInfo}}},
+        {"riid the manager refuses", &entity, EchoDispatch, "", {{"test.Echo", "svc", 65535}}, 1, "InitDynamic", 173,
          "Boolean expression \"m_connectionManager && m_connectionManager->Start()\" is false",
          {published, {"ConnectionManager: user plan contains invalid riid or group id", kError},
           {"Exception ConnectionManager: invalid configuration in function InitDynamic", kError}}},
@@ -316,8 +320,7 @@ TEST_F(IpcServerTest, Server_FailedChecksThrowAndLeaveNothingRegistered)
         auto context = Context();
         context.serviceName = k.service;
         context.dynamicThreadsCount = k.dynamicThreads;
-        if (k.riid != 0)
-            context.descriptors = {{"test.Echo", "svc", k.riid}};
+        context.descriptors = k.descriptors;
         try {
             EchoServer server(k.entity, k.dispatch, context);
             ADD_FAILURE() << "constructed";

@@ -89,7 +89,7 @@ TEST_F(RegistryCliTest, Commands_RegistryFailurePrintsCode)
     };
     const Case cases[] = {
         {{"close", "7"}, "0x8000004c (Not found)\n"},
-        {{"info", "7"}, "0x8000004c (Not found)\n"},
+        {{"info", "0xFFFFFF"}, "0x8000004c (Not found)\n"},  // the largest handle a message carries
         {{"set-state", "7", "verified"}, "0x8000004c (Not found)\n"},
         {{"handle", "00000000-0000-0000-0000-000000000000"}, "0x8000004c (Not found)\n"},
     };
@@ -113,6 +113,7 @@ TEST_F(RegistryCliTest, CommandLine_UsageErrorsAndHelp)
         {"open", "firmware"},
         {"info", "1", "2"},
         {"info", "one"},
+        {"close", "16777217"},  // its low 24 bits would name session 1
         {"set-state", "1", "11"},
         {"handle", "not-an-id"},
         {"--connection"},

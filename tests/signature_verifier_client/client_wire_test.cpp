@@ -20,6 +20,19 @@
 #include "support.h"
 #include "wire_requests.h"
 
+// The test executable is linked with --wrap=NkNosTransport_Init, so that a
+// transport that cannot be bound can be played.
+namespace {
+bool g_failTransportInit = false;
+}  // namespace
+
+extern "C" Retcode __real_NkNosTransport_Init(NkNosTransport* t, Handle handle, const void* options, uint32_t flags);
+
+extern "C" Retcode __wrap_NkNosTransport_Init(NkNosTransport* t, Handle handle, const void* options, uint32_t flags)
+{
+    return g_failTransportInit ? NK_EBADF : __real_NkNosTransport_Init(t, handle, options, flags);
+}
+
 namespace signature_verifier::client::testing {
 namespace {
 
@@ -211,16 +224,35 @@ TEST_F(ClientWireTest, CheckBuffer_LeftUnanswered_TransportCodeThenBroken)
 
 class ClientInitTest : public ClientTest {};
 
-TEST_F(ClientInitTest, Init_ChannelWithoutTheEndpoint_13)
+// The test holds the shared channel itself, so that what init leaves on it
+// shows: after a failed init only the test's own reference is left.
+TEST_F(ClientInitTest, Init_ConnectedButUnusable_13AndChannelGivenBack)
 {
-    FakeEntity entity("sv.no-endpoint", {"other.endpoint"});
-    void* ctx = nullptr;
-    const Logged result = RunLogged([&] { return signature_verifier_init("sv.no-endpoint", &ctx); });
-    EXPECT_EQ(result.status, 13);
-    EXPECT_EQ(result.log,
-              "service_connect: ServiceLocatorGetRiid invalid riid\n"
-              "signature_verifier_init: failed to connect to the server\n");
-    EXPECT_EQ(ctx, nullptr);
+    FakeEntity noEndpoint("sv.no-endpoint", {"other.endpoint"});
+    FakeEntity entity("sv.entity", {NV_SIGNATURE_VERIFIER_ENDPOINT});
+    struct Case {
+        const char* channel;
+        bool failTransport;
+        std::string log;
+    };
+    const Case cases[] = {
+        {"sv.no-endpoint", false, "service_connect: ServiceLocatorGetRiid invalid riid\n"},
+        {"sv.entity", true, ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.channel);
+        const Handle held = ServiceLocatorConnect(c.channel);
+        ASSERT_NE(held, INVALID_HANDLE);
+        void* ctx = nullptr;
+        g_failTransportInit = c.failTransport;
+        const Logged result = RunLogged([&] { return signature_verifier_init(c.channel, &ctx); });
+        g_failTransportInit = false;
+        EXPECT_EQ(result.status, 13);
+        EXPECT_EQ(result.log, c.log + "signature_verifier_init: failed to connect to the server\n");
+        EXPECT_EQ(ctx, nullptr);
+        EXPECT_EQ(KnHandleClose(held), NK_EOK);
+        EXPECT_EQ(KnHandleClose(held), NK_EBADF) << "init kept a reference on the channel";
+    }
 }
 
 }  // namespace

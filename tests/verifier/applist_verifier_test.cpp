@@ -3,6 +3,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -17,7 +18,9 @@ namespace verifier_test {
 namespace {
 
 using ::testing::_;
+using ::testing::DoAll;
 using ::testing::Return;
+using ::testing::SetArgReferee;
 using update::verifier::ApplistVerifier;
 
 constexpr const char* kFile = "entities/updater_pdk/verifier/src/verifiers/applist_verifier";
@@ -26,6 +29,7 @@ const std::string kSign = "appcollectioninfo.nos.vantor.json.sign";
 
 constexpr int kNotFound = static_cast<int>(0x8000004Cu);
 constexpr int kInvalidArgument = static_cast<int>(0x80000046u);
+constexpr int kUnspecified = static_cast<int>(0x8000004Bu);
 constexpr int kInvalidSignature = -49152;  // completion code 1 of the entity
 constexpr int kUntrustedSigner = -81920;   // completion code 2
 
@@ -169,29 +173,46 @@ TEST_F(ApplistVerifierTest, Verify_DirectoryNamedLikeTheListCountsAsPresent)
     EXPECT_EQ(verifier.Verify(9), kUntrustedSigner);
 }
 
-TEST_F(ApplistVerifierTest, Verify_StatusThatCannotBeReadCountsAsMissing)
+TEST_F(ApplistVerifierTest, Verify_StatusThatCannotBeRead_FileSystemErrorNotMissing)
 {
-    // A symbolic-link loop makes the status unreadable (ELOOP), a dangling
-    // link reports "not found": neither reaches the checker.
+    // A dangling link is missing. A symbolic-link loop (ELOOP) or a name too
+    // long to look up (ENAMETOOLONG) leaves the status unread: the standard
+    // exception reaches ManageException with its own text. None reaches the
+    // checker.
+    const auto fileSystemError = [](const std::filesystem::path& path, std::errc error) {
+        const std::filesystem::filesystem_error e("status", path, std::make_error_code(error));
+        return ": " + std::string(e.what()) + " ; detailed: exception during Verify";
+    };
+    const std::filesystem::path tooLong = dir.path() / std::string(5000, 'n');
     struct Row {
         const char* name;
-        std::filesystem::path target;
+        std::filesystem::path folder;
+        std::filesystem::path linkTarget;
+        int code;
+        std::string line;
     };
     const std::vector<Row> rows = {
-        {"link to itself", dir / kList},
-        {"dangling link", dir / "nowhere"},
+        {"dangling link", dir.path(), dir / "nowhere", kInvalidArgument,
+         FailureLine("AppList file doesn't exist " + dir.Text(kList) + ": 0x80000046 (Invalid argument)")},
+        {"link to itself", dir.path(), dir / kList, kUnspecified,
+         fileSystemError(dir / kList, std::errc::too_many_symbolic_link_levels)},
+        {"name too long", tooLong, {}, kUnspecified,
+         fileSystemError(tooLong / kList, std::errc::filename_too_long)},
     };
     dir.Touch(kSign);
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        std::filesystem::remove(dir / kList);
-        std::filesystem::create_symlink(row.target, dir / kList);
-        ExpectSession(4);
-        EXPECT_EQ(verifier.Verify(4), kInvalidArgument);
+        if (!row.linkTarget.empty()) {
+            std::filesystem::remove(dir / kList);
+            std::filesystem::create_symlink(row.linkTarget, dir / kList);
+        }
+        SessionInfo session = dir.Session();
+        session.path = row.folder;
+        EXPECT_CALL(*registry, GetInfo(4u, _)).WillOnce(DoAll(SetArgReferee<1>(session), Return(0)));
+        EXPECT_EQ(verifier.Verify(4), row.code);
         const auto log = TakeLog();
         ASSERT_EQ(log.size(), 1u);
-        EXPECT_EQ(log[0].text,
-                  FailureLine("AppList file doesn't exist " + dir.Text(kList) + ": 0x80000046 (Invalid argument)"));
+        EXPECT_EQ(log[0].text, row.line);
         VerifyFakes();
     }
 }

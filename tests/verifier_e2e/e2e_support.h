@@ -141,4 +141,11 @@ SharedSetting& Shared();
 // The verifier's lines among `lines`.
 std::vector<LogLine> VerifierLines(const std::vector<LogLine>& lines);
 
+// A failure table's code for a package file that is a directory: whichever
+// of its codes the signature checker gives. Whether a directory opens for
+// reading depends on the file system (ext4 opens it and the read fails with
+// a standard exception, 0x8000004B; tmpfs does not, 0x80000151).
+inline constexpr std::uint32_t kCheckerDirectoryFailure = 0;
+inline bool IsCheckerDirectoryFailure(std::uint32_t code) { return code == 0x8000004Bu || code == 0x80000151u; }
+
 }  // namespace verifier_e2e

@@ -135,7 +135,7 @@ TEST_F(VerifierProcessTest, VerifierCli_ExitCodesAndOutput)
         {"unknown command", {"check", "applist", "1"}, 2, "", "unknown command 'check'"},
         {"unknown kind", {"verify", "firmware", "1"}, 2, "", "unknown package kind 'firmware'"},
         {"bad handle", {"verify", "applist", "12x"}, 2, "", "bad handle '12x'"},
-        {"handle above 32 bits", {"verify", "applist", "0x100000000"}, 2, "", "bad handle"},
+        {"handle above 32 bits", {"verify", "applist", "0x100000000"}, 2, "", "'0x100000000' is above 0xFFFFFFFF"},
         {"missing handle", {"verify", "product"}, 2, "", "needs a package kind and a handle"},
         {"unknown option", {"verify", "product", "1", "--fast"}, 2, "", "unknown option '--fast'"},
         {"nobody serves the channel", {"verify", "applist", "1"}, 2, "", "no verifier serves the channel"},
@@ -154,7 +154,7 @@ TEST_F(VerifierProcessTest, VerifierCli_ExitCodesAndOutput)
     entities.StartRegistry();
     entities.StartVerifier();
     const std::vector<Row> served = {
-        {"failure result", {"verify", "applist", "0xFFFFFF"}, 1, "0x80000046 (Invalid argument)\n", ""},
+        {"largest handle: no handle", {"verify", "applist", "0xFFFFFFFF"}, 1, "0x80000046 (Invalid argument)\n", ""},
         {"registry's code", {"verify", "product", "77"}, 1, "0x8000004c (Not found)\n", ""},
         {"raw reply bytes",
          {"verify", "applist", "16777215", "--raw"},

@@ -152,8 +152,10 @@ const char* ConnectionManager::CheckBlockLocked(const Cfg& cfg, bool absoluteGro
     }
     std::uint32_t largest = cfg.userGroups.empty() ? 0 : cfg.userGroups.rbegin()->first;
     for (const auto& [service, parameters] : cfg.userPlan) {
-        // Nothing at or above kInvalidRiid fits the 16-bit interface index.
-        if (parameters.riid >= kInvalidRiid || parameters.groupId == kInvalidGroupId)
+        // Only the one invalid value is refused here. A riid above it is
+        // planned, and refused by KnCmAccept when a client asks for it: no
+        // 16-bit interface index can carry it.
+        if (parameters.riid == kInvalidRiid || parameters.groupId == kInvalidGroupId)
             return "user plan contains invalid riid or group id";
         largest = std::max(largest, parameters.groupId);
     }

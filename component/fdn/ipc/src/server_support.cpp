@@ -50,9 +50,7 @@ Publication::Publication(const std::vector<DynamicIpcDescriptor>& descriptors, c
         const auto& d = m_descriptors[i];
         const Retcode rc = NsPublishService(m_ns, d.type.c_str(), nullptr, d.service.c_str());
         m_published[i] = rc == NK_EOK;
-        if (rc == NK_EOK)
-            LogLine(logger, false, "Registered NameServer service {}, type {}", d.service, d.type);
-        else
+        if (rc != NK_EOK)
             LogLine(logger, true, "NameServer service {}, type {} not published: error code {}", d.service, d.type, rc);
     }
 }

@@ -53,6 +53,7 @@ a blank and its text, control characters kept. Each line is written at once.
   --out FILE   append the lines to FILE instead of standard output
   --raw FILE   also append the 4,120 bytes of each well-formed record to FILE
   -h, --help   this text
+  --version    the version
 
 A malformed record is answered with the error flag and reported on standard
 error; serving goes on. SIGTERM or SIGINT stops it. Exit status: 0 stopped
@@ -268,6 +269,10 @@ int Run(const Options& options)
 
 int main(int argc, char** argv)
 {
+    if (argc == 2 && std::string_view(argv[1]) == "--version") {
+        std::puts("log-storage " VERIFIER_VERSION);
+        return 0;
+    }
     Options options;
     try {
         options = ParseOptions(argc, argv);

@@ -52,12 +52,14 @@ Commands:
                       installation-failed cancelled finished
   info H              print session H as JSON: type, state, id, path
 
-H is a handle in decimal or 0x-hexadecimal.
+H is a handle in decimal or 0x-hexadecimal, at most 0xFFFFFF (16777215): the
+registry's messages carry 24 bits of it, so a larger one is refused.
 
 Options:
   --connection NAME   the registry's channel (default "update_registry")
   --endpoint NAME     its endpoint (default "UpdateRegistry.UpdateRegistry")
   -h, --help          this text
+  --version           the version
 
 Exit status: 0 success; 1 the call failed, its code printed on standard
 error as 0x%08x with its message; 2 bad command line.
@@ -87,7 +89,12 @@ T Parse(const std::optional<T>& parsed, std::string_view what, std::string_view 
     return *parsed;
 }
 
-unsigned int HandleArg(std::string_view text) { return Parse(update_registry::HandleFromText(text), "handle", text); }
+// The registry's messages carry 24 bits of a handle: a larger one would name
+// another session.
+unsigned int HandleArg(const std::string& text)
+{
+    return update_registry::HandleOperand(text, 0xFFFFFF, "0xFFFFFF: a registry message carries 24 bits of a handle");
+}
 
 // A command parses its arguments first (UsageError), before anything is
 // connected, and gives the call to make.
@@ -219,6 +226,10 @@ Invocation ParseCommandLine(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    if (argc == 2 && std::string_view(argv[1]) == "--version") {
+        std::puts("registry-cli " VERIFIER_VERSION);
+        return 0;
+    }
     try {
         const Invocation invocation = ParseCommandLine(argc, argv);
         if (invocation.help) {

@@ -54,6 +54,7 @@ attributes; they are checked with OpenSSL and its GOST engine.
                      OpenSSL's engine directory
   --log-level LEVEL  trace, debug, info (default), warn, error, critical or off
   -h, --help         this text
+  --version          the version
 
 SIGTERM or SIGINT stops it. Exit status: 0 stopped by a signal, 1 serving
 failed, 2 bad command line, 3 GOST engine unavailable, 4 roots not loaded.
@@ -243,6 +244,10 @@ int Run(const Options& options, const std::shared_ptr<spdlog::logger>& log)
 
 int main(int argc, char** argv)
 {
+    if (argc == 2 && std::string_view(argv[1]) == "--version") {
+        std::puts("signature-verifier " VERIFIER_VERSION);
+        return 0;
+    }
     Options options;
     try {
         options = ParseOptions(argc, argv);

@@ -2,10 +2,14 @@
 // host programs.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "session_text.h"
 
 namespace update_registry {
 
@@ -14,6 +18,19 @@ class UsageError : public std::invalid_argument {
 public:
     using std::invalid_argument::invalid_argument;
 };
+
+// The handle operand `text` (see HandleFromText), at most `largest`. A value
+// above it is refused, not cut: "handle 'TEXT' is above " and `limit`, which
+// names the largest value and why.
+inline std::uint32_t HandleOperand(const std::string& text, std::uint32_t largest, std::string_view limit)
+{
+    const std::optional<std::uint64_t> value = HandleFromText(text);
+    if (!value)
+        throw UsageError("bad handle '" + text + "'");
+    if (*value > largest)
+        throw UsageError("handle '" + text + "' is above " + std::string(limit));
+    return static_cast<std::uint32_t>(*value);
+}
 
 class ArgumentReader {
 public:

@@ -53,6 +53,7 @@ NOS_RUNTIME_DIR).
                  rewritten atomically on every change; without it they last
                  as long as the process
   -h, --help     this text
+  --version      the version
 
 SIGTERM or SIGINT stops it. Exit status: 0 stopped by a signal, 1 start-up or
 serving failed, 2 bad command line.
@@ -218,6 +219,10 @@ int Run(const Options& options, SignalStop& stop)
 
 int main(int argc, char** argv)
 {
+    if (argc == 2 && std::string_view(argv[1]) == "--version") {
+        std::puts("update-registry " VERIFIER_VERSION);
+        return 0;
+    }
     Options options;
     try {
         options = ParseOptions(argc, argv);

@@ -92,14 +92,14 @@ const char* UpdateStateName(UpdateState state)
     return index < kStateNames.size() ? kStateNames[index] : "unknown";
 }
 
-std::optional<unsigned int> HandleFromText(std::string_view text)
+std::optional<std::uint64_t> HandleFromText(std::string_view text)
 {
     int base = 10;
     if (text.starts_with("0x") || text.starts_with("0X")) {
         base = 16;
         text.remove_prefix(2);
     }
-    unsigned int value = 0;
+    std::uint64_t value = 0;
     const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value, base);
     if (text.empty() || ec != std::errc() || end != text.data() + text.size())
         return std::nullopt;

@@ -2,6 +2,7 @@
 // and registry-cli.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,7 +24,8 @@ std::optional<update::registry::ipc::UpdateState> UpdateStateFromText(std::strin
 const char* PackageTypeName(update::registry::ipc::PackageType type);
 const char* UpdateStateName(update::registry::ipc::UpdateState state);
 
-// A session handle in decimal or 0x-hexadecimal, at most 0xFFFFFFFF.
-std::optional<unsigned int> HandleFromText(std::string_view text);
+// A session handle in decimal or 0x-hexadecimal: any number that fits 64
+// bits, so that a caller can tell a number too large from no number.
+std::optional<std::uint64_t> HandleFromText(std::string_view text);
 
 }  // namespace update_registry

@@ -37,11 +37,13 @@ bounds the call), on the endpoint "Verifier.applist" (the session's
 application list) or "Verifier.product" (its update archive), and prints the
 result as 0x%08x with its message, e.g. "0x00000000 (No error)".
 
-HANDLE is the session's registry handle in decimal or 0x-hexadecimal (at most
-0xFFFFFFFF; the entity reads its low 24 bits).
+HANDLE is the session's registry handle in decimal or 0x-hexadecimal, at most
+0xFFFFFFFF (a larger one is refused). Only its low 24 bits count: the entity
+reads those, so 0x1000001 asks for session 1, and 0xFFFFFF is no handle.
 
   --raw       also print the 32 reply bytes in hexadecimal, before the result
   -h, --help  this text
+  --version   the version
 
 Exit status: 0 the result is 0; 1 the result is a failure; 2 bad command line,
 no verifier serving, or a transport failure.
@@ -84,10 +86,7 @@ Options ParseOptions(int argc, char** argv)
         options.endpoint = kProductEndpoint;
     else
         throw UsageError("unknown package kind '" + operands[1] + "' (applist or product)");
-    const auto handle = update_registry::HandleFromText(operands[2]);
-    if (!handle)
-        throw UsageError("bad handle '" + operands[2] + "'");
-    options.handle = *handle;
+    options.handle = update_registry::HandleOperand(operands[2], 0xFFFFFFFF, "0xFFFFFFFF (32 bits)");
     return options;
 }
 
@@ -149,6 +148,10 @@ int Run(const Options& options)
 
 int main(int argc, char** argv)
 {
+    if (argc == 2 && std::string_view(argv[1]) == "--version") {
+        std::puts("verifier-cli " VERIFIER_VERSION);
+        return 0;
+    }
     Options options;
     try {
         options = ParseOptions(argc, argv);

@@ -1,5 +1,4 @@
 #include <string>
-#include <system_error>
 #include <utility>
 
 #include "eka/exception.h"
@@ -37,10 +36,9 @@ update::registry::ipc::SessionInfo GetSession(const update::registry::ipc::IRegi
     return info;
 }
 
-bool Exists(const std::filesystem::path& path) noexcept
+bool Exists(const std::filesystem::path& path)
 {
-    std::error_code error;
-    const std::filesystem::file_type type = std::filesystem::status(path, error).type();
+    const std::filesystem::file_type type = std::filesystem::status(path).type();
     return type != std::filesystem::file_type::not_found && type != std::filesystem::file_type::none;
 }
 

@@ -25,13 +25,15 @@ void RequireHandle(unsigned int handle, const char* file, int line);
 update::registry::ipc::SessionInfo GetSession(const update::registry::ipc::IRegistry& registry, unsigned int handle,
                                               const char* file, int line);
 
-// Whether anything, of any type (a directory too), is at `path`. A status
-// that cannot be read (permission denied, a symbolic-link loop) counts as
-// absent: such a file could not be checked anyway.
-bool Exists(const std::filesystem::path& path) noexcept;
+// Whether anything, of any type (a directory too), is at `path`; a dangling
+// symbolic link is nothing. A status that cannot be read (a symbolic-link
+// loop, a name too long, a folder that may not be searched) is no answer:
+// std::filesystem::filesystem_error is thrown, with the system's own text.
+bool Exists(const std::filesystem::path& path);
 
 // Throws eka::ResultCodeException 0x80000046 at (file, line), described by
-// `text` formatted with the path's native text, unless `path` exists.
+// `text` formatted with the path's native text, when nothing is at `path`;
+// lets the file-system error of an unreadable status through.
 void RequireExists(const std::filesystem::path& path, fmt::format_string<const std::string&> text, const char* file,
                    int line);
 

@@ -41,7 +41,7 @@ public:
 
     // One user-plan entry.
     struct Parameters {
-        std::uint32_t riid = kInvalidRiid;         // interface the connection is accepted on
+        std::uint32_t riid = kInvalidRiid;         // interface the connection is accepted on; Add refuses kInvalidRiid
         std::uint32_t groupId = kInvalidGroupId;   // group whose threads serve it
     };
 

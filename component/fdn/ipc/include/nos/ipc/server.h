@@ -167,8 +167,11 @@ private:
     {
         details::Check(!descriptors.empty(), "!descriptors.empty()", "InitDynamic", 139);
         m_publication = std::make_unique<details::Publication>(descriptors, m_logger);
-        for (const auto& descriptor : descriptors)
+        for (const auto& descriptor : descriptors) {
+            details::LogLine(m_logger, false, "Registered NameServer service {}, type {}", descriptor.service,
+                             descriptor.type);
             m_serviceRiids.try_emplace(descriptor.service, descriptor.riid);  // a repeated service keeps its first riid
+        }
         details::Check(m_staticThreadsCount == m_dynamicThreadsCount, "m_staticThreadsCount == m_dynamicThreadsCount",
                        "InitDynamic", 166);
         try {

@@ -79,7 +79,8 @@ private:
 class Publication {
 public:
     // Publishes each descriptor in order. One that cannot be published gets
-    // an error line instead of "Registered NameServer service ...".
+    // an error line; the server's "Registered NameServer service ..." lines
+    // come after all of them, one for every descriptor.
     Publication(const std::vector<DynamicIpcDescriptor>& descriptors, const ServerLogger& logger);
     ~Publication();
     Publication(const Publication&) = delete;

@@ -227,8 +227,11 @@ int signature_verifier_init(const char* connection_name, void** ctx)
         return Fault(kStatusOutOfMemory, "signature_verifier_init: out of memory");
     Handle handle = INVALID_HANDLE;
     std::uint16_t riid = 0;
-    if (!ServiceConnect(connection_name, &handle, &riid) ||
-        NkNosTransport_Init(&connection->transport, handle, nullptr, 0) != NK_EOK) {
+    const bool connected = ServiceConnect(connection_name, &handle, &riid);
+    if (!connected || NkNosTransport_Init(&connection->transport, handle, nullptr, 0) != NK_EOK) {
+        // A failed init leaves nothing behind, the channel included.
+        if (connected)
+            (void)KnHandleClose(handle);
         std::free(connection);
         return Fault(kStatusNoConnection, "signature_verifier_init: failed to connect to the server");
     }

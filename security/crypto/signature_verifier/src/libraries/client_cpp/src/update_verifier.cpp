@@ -81,7 +81,7 @@ void CheckContextMade(int status, const void* context)
     if (LibraryCallFailed(status))
         eka::Throw(kSourceFile, kLineContextFailed,
                    eka::CheckResultFailedException(CodeOfStatus(status), u"Expression failed")
-                       << " fail to initialize context");
+                       << "fail to initialize context");
     if (context == nullptr)
         ThrowCheckFailed(kLineInvalidContext, u"invalid context");
 }
