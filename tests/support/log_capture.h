@@ -33,13 +33,7 @@ using namespace std::chrono_literals;
 
 // Levels of the root logger. The server callable gives kError or kInfo, as
 // the entity logger maps it; standard error lines have kNoLevel.
-inline constexpr int kNoLevel = -1;
-inline constexpr int kTrace = 0;
-inline constexpr int kDebug = 1;
-inline constexpr int kInfo = 2;
-inline constexpr int kWarning = 3;
-inline constexpr int kError = 4;
-inline constexpr int kCritical = 5;
+enum Level : int { kNoLevel = -1, kTrace, kDebug, kInfo, kWarning, kError, kCritical };
 
 struct LogLine {
     LogLine(std::string text_, int level_ = kNoLevel, std::string where_ = {})
