@@ -378,6 +378,28 @@ TEST_F(HostServerTest, Recv_TakesTheEarliestSentRequestFirst)
     EXPECT_EQ(Reply(MakeEcho(0)), NK_EINVAL);  // nothing received since
 }
 
+TEST_F(HostServerTest, Recv_TakesAClientsNextRequestOnlyOnceItsLastIsAnswered)
+{
+    RawClient client(runtime);
+    client.Request(1);
+    client.Send(Frame(FrameKind::Request, BytesOf(MakeEcho(2)), 2, MonotonicNs()));
+    Echo first{};
+    ASSERT_EQ(Receive(first), NK_EOK);
+    NkNosTransport other{};
+    ASSERT_EQ(NkNosTransportSync_Init(&other, channel, INVALID_HANDLE, INVALID_HANDLE), NK_EOK);
+    Echo second = MakeEcho(0);
+    auto pending = std::async(std::launch::async, [&] { return other.ops->recv(&other, &second.header, nullptr); });
+    EXPECT_EQ(pending.wait_for(100ms), std::future_status::timeout);  // its client is being served
+    ASSERT_EQ(Reply(first), NK_EOK);
+    if (pending.wait_for(10s) != std::future_status::ready)
+        (void)ServiceLocatorUnregister(channel);
+    EXPECT_EQ(pending.get(), NK_EOK);
+    EXPECT_EQ(second.tag, 2u);
+    FrameHeader header;
+    EXPECT_EQ(ReadEcho(client.fd, header).tag, 1u);
+    EXPECT_EQ(header.sequence, 1u);
+}
+
 TEST_F(HostServerTest, Recv_TwoThreadsOnOneChannelAnswerEveryClient)
 {
     constexpr uint32_t kClients = 6;
