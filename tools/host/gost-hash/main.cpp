@@ -34,6 +34,7 @@ const char* const kUsage =
     "                  the file name\n"
     "  --impl PATH     hash with this compression path of the core (listed below)\n"
     "  --help          show this text\n"
+    "  --version       show the version and the compression path in use\n"
     "\n"
     "Exit status: 0 if every file was hashed, 1 if any could not be read, 2 on bad usage.\n";
 
@@ -41,6 +42,7 @@ struct Options {
     int algorithm = NDS_HASH_GOST_2012_256;
     bool format_aware = false;
     bool help = false;
+    bool version = false;
     const char* path = nullptr;
     std::vector<std::string> files;
 };
@@ -232,6 +234,8 @@ int main(int argc, char** argv) {
             options.path = argv[++i];
         } else if (arg == "--help" || arg == "-h") {
             options.help = true;
+        } else if (arg == "--version") {
+            options.version = true;
         } else {
             std::fprintf(stderr, "gost-hash: unknown option '%s'\n%s", arg.c_str(), kUsage);
             return 2;
@@ -241,6 +245,10 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "gost-hash: no compression path '%s' runs here\n", options.path);
         PrintPaths(stderr);
         return 2;
+    }
+    if (options.version) {
+        std::printf("gost-hash %s\ncompression path: %s\n", VERIFIER_VERSION, GostHash_Implementation());
+        return 0;
     }
     if (options.help) {
         std::fputs(kUsage, stdout);
