@@ -22,33 +22,19 @@ constexpr int kNoListLine = 48;
 constexpr int kNoSignatureLine = 49;
 constexpr int kVerifyLine = 51;
 constexpr int kSucceededLine = 54;
-}  // namespace
 
-ApplistVerifier::ApplistVerifier(std::shared_ptr<update::registry::ipc::IRegistry> sessionRegistry,
-                                 std::shared_ptr<signature_verifier::wrapper::ISignatureVerifier> signatureChecker)
-    : PackageVerifier(std::move(sessionRegistry), std::move(signatureChecker), kFile, kEmptyRegistryLine,
-                      kEmptyVerifierLine)
+// Returns when the signature holds, after the success line; throws otherwise.
+void CheckAppList(const update::registry::ipc::IRegistry& registry,
+                  signature_verifier::wrapper::ISignatureVerifier& checker, unsigned int handle)
 {
-}
-
-int ApplistVerifier::Verify(unsigned int handle) const noexcept
-{
-    return detail::RunVerify([&] { detail::VerifyAppListOrThrow(*registry, *verifier, handle); });
-}
-
-namespace detail {
-
-void VerifyAppListOrThrow(const update::registry::ipc::IRegistry& registry,
-                          signature_verifier::wrapper::ISignatureVerifier& checker, unsigned int handle)
-{
-    RequireHandle(handle, kFile, kInvalidHandleLine);
-    const update::registry::ipc::SessionInfo info = GetSession(registry, handle, kFile, kGetInfoLine);
+    detail::RequireHandle(handle, kFile, kInvalidHandleLine);
+    const update::registry::ipc::SessionInfo info = detail::GetSession(registry, handle, kFile, kGetInfoLine);
 
     const std::filesystem::path packagePath = update::GetPackagePath(info);
     const std::filesystem::path listPath = packagePath / update::GetAppListFileName();
     const std::filesystem::path signaturePath = packagePath / update::GetAppListSignatureName();
-    RequireExists(listPath, "AppList file doesn't exist {}", kFile, kNoListLine);
-    RequireExists(signaturePath, "AppList signature file doesn't exist {}", kFile, kNoSignatureLine);
+    detail::RequireExists(listPath, "AppList file doesn't exist {}", kFile, kNoListLine);
+    detail::RequireExists(signaturePath, "AppList signature file doesn't exist {}", kFile, kNoSignatureLine);
 
     const int rc = checker.Verify(listPath, signaturePath);
     if (eka::Failed(rc))
@@ -61,5 +47,18 @@ void VerifyAppListOrThrow(const update::registry::ipc::IRegistry& registry,
                               listPath.generic_string(), signaturePath.generic_string());
 }
 
-}  // namespace detail
+}  // namespace
+
+ApplistVerifier::ApplistVerifier(std::shared_ptr<update::registry::ipc::IRegistry> sessionRegistry,
+                                 std::shared_ptr<signature_verifier::wrapper::ISignatureVerifier> signatureChecker)
+    : PackageVerifier(std::move(sessionRegistry), std::move(signatureChecker), kFile, kEmptyRegistryLine,
+                      kEmptyVerifierLine)
+{
+}
+
+int ApplistVerifier::Verify(unsigned int handle) const noexcept
+{
+    return detail::RunVerify([&] { CheckAppList(*registry, *verifier, handle); });
+}
+
 }  // namespace update::verifier

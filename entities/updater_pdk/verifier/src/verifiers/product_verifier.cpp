@@ -24,6 +24,37 @@ constexpr int kNoSignatureLine = 50;
 constexpr int kGetHashLine = 53;
 constexpr int kVerifyHashLine = 54;
 constexpr int kSucceededLine = 57;
+
+// Returns when the signature holds, after the success line; throws otherwise.
+void CheckProduct(const update::registry::ipc::IRegistry& registry,
+                  signature_verifier::wrapper::ISignatureVerifier& checker, unsigned int handle)
+{
+    detail::RequireHandle(handle, kFile, kInvalidHandleLine);
+    const update::registry::ipc::SessionInfo info = detail::GetSession(registry, handle, kFile, kGetInfoLine);
+
+    const std::filesystem::path packagePath = update::GetPackagePath(info);
+    const std::filesystem::path archivePath = packagePath / update::GetUpdateArchiveName();
+    const std::filesystem::path signaturePath = packagePath / update::GetUpdateSignatureName();
+    detail::RequireExists(archivePath, "update archive file doesn't exist {}", kFile, kNoArchiveLine);
+    detail::RequireExists(signaturePath, "update signature file doesn't exist {}", kFile, kNoSignatureLine);
+
+    // The archive is read once, here; only its hash goes to the entity.
+    std::vector<unsigned char> hash;
+    int rc = detail::NoThrowCall([&] { return checker.GetHash(archivePath, hash); });
+    if (eka::Failed(rc))
+        eka::Throw(kFile, kGetHashLine,
+                   eka::CheckResultFailedException(rc, u"Expression failed") << "failed get update file hash");
+    rc = detail::NoThrowCall([&] { return checker.VerifyHash(hash, signaturePath); });
+    if (eka::Failed(rc))
+        eka::Throw(kFile, kVerifyHashLine,
+                   eka::CheckResultFailedException(rc, u"Expression failed")
+                       << "Failed to verify update file " << archivePath << " with signature file " << signaturePath);
+
+    nos::logger::LogIfEnabled(nos::logger::LogLevel::Info, kFile, kSucceededLine, "Verify",
+                              "Update file {} verification with signature file {} was succeeded",
+                              archivePath.generic_string(), signaturePath.generic_string());
+}
+
 }  // namespace
 
 ProductVerifier::ProductVerifier(std::shared_ptr<update::registry::ipc::IRegistry> sessionRegistry,
@@ -35,39 +66,7 @@ ProductVerifier::ProductVerifier(std::shared_ptr<update::registry::ipc::IRegistr
 
 int ProductVerifier::Verify(unsigned int handle) const noexcept
 {
-    return detail::RunVerify([&] { detail::VerifyProductOrThrow(*registry, *verifier, handle); });
+    return detail::RunVerify([&] { CheckProduct(*registry, *verifier, handle); });
 }
 
-namespace detail {
-
-void VerifyProductOrThrow(const update::registry::ipc::IRegistry& registry,
-                          signature_verifier::wrapper::ISignatureVerifier& checker, unsigned int handle)
-{
-    RequireHandle(handle, kFile, kInvalidHandleLine);
-    const update::registry::ipc::SessionInfo info = GetSession(registry, handle, kFile, kGetInfoLine);
-
-    const std::filesystem::path packagePath = update::GetPackagePath(info);
-    const std::filesystem::path archivePath = packagePath / update::GetUpdateArchiveName();
-    const std::filesystem::path signaturePath = packagePath / update::GetUpdateSignatureName();
-    RequireExists(archivePath, "update archive file doesn't exist {}", kFile, kNoArchiveLine);
-    RequireExists(signaturePath, "update signature file doesn't exist {}", kFile, kNoSignatureLine);
-
-    // The archive is read once, here; only its hash goes to the entity.
-    std::vector<unsigned char> hash;
-    int rc = NoThrowCall([&] { return checker.GetHash(archivePath, hash); });
-    if (eka::Failed(rc))
-        eka::Throw(kFile, kGetHashLine,
-                   eka::CheckResultFailedException(rc, u"Expression failed") << "failed get update file hash");
-    rc = NoThrowCall([&] { return checker.VerifyHash(hash, signaturePath); });
-    if (eka::Failed(rc))
-        eka::Throw(kFile, kVerifyHashLine,
-                   eka::CheckResultFailedException(rc, u"Expression failed")
-                       << "Failed to verify update file " << archivePath << " with signature file " << signaturePath);
-
-    nos::logger::LogIfEnabled(nos::logger::LogLevel::Info, kFile, kSucceededLine, "Verify",
-                              "Update file {} verification with signature file {} was succeeded",
-                              archivePath.generic_string(), signaturePath.generic_string());
-}
-
-}  // namespace detail
 }  // namespace update::verifier
