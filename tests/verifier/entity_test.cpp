@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -58,61 +57,49 @@ TEST_F(EntityTest, Run_ServesEndpointsInOrderAndGoesOnAfterEagain)
     const std::string dir = runtime.Path().string();
     ScriptedTransport transport({Deliver(Verify(0, 7)), Fail(NK_EAGAIN), Deliver(Verify(1, 7), NK_EAGAIN),
                                  Deliver(Verify(2, 7))});
-    update::verifier::entity::Peers wiring;
-    wiring.makeRegistry = [this] { return peers; };
-    wiring.makeChecker = [this] { return peers; };
-    wiring.transport = ScriptedTransport::Ops();
+    const auto fake = [this] { return peers; };
+    EXPECT_EQ(update::verifier::entity::Run({fake, fake, ScriptedTransport::Ops()}), 0);
 
-    EXPECT_EQ(update::verifier::entity::Run(wiring), 0);
-
-    ASSERT_EQ(transport.replies.size(), 3u);
-    const std::uint32_t results[] = {0x80000046u, 0x80000046u, 0x80000001u};
-    for (size_t i = 0; i < 3; ++i) {
-        const auto& reply = *reinterpret_cast<const nv_IVerifier_Verify_res*>(transport.replies[i].message.data());
-        EXPECT_EQ(reply.base_.size, 0x80000020u);
-        EXPECT_EQ(static_cast<std::uint32_t>(reply.result), results[i]);
-    }
+    std::vector<std::uint32_t> results;
+    for (const auto& reply : transport.replies)
+        results.push_back(reinterpret_cast<const nv_IVerifier_Verify_res*>(reply.message.data())->result);
+    EXPECT_EQ(results, (std::vector<std::uint32_t>{0x80000046, 0x80000046, 0x80000001}));
     const std::string handle = std::to_string(transport.channel);
     const std::string tail = ": 0x80000046 (Invalid argument) ; detailed: exception during: Verify";
-    EXPECT_EQ(Lines(),
-              (std::vector<LogLine>{kStarted,
-                                    {"NkNosTransport initialized with handle " + handle, kInfo},
-                                    {": update archive file doesn't exist " + dir + "/update_vantor3.tar.gz" + tail, kError},
-                                    {": AppList file doesn't exist " + dir + "/appcollectioninfo.nos.vantor.json" + tail,
-                                     kError},
-                                    {"IpcThread with handle=" + handle + " stopped with error code -5", kError}}));
+    EXPECT_EQ(Lines(), (std::vector<LogLine>{
+                           kStarted,
+                           {"NkNosTransport initialized with handle " + handle, kInfo},
+                           {": update archive file doesn't exist " + dir + "/update_vantor3.tar.gz" + tail, kError},
+                           {": AppList file doesn't exist " + dir + "/appcollectioninfo.nos.vantor.json" + tail,
+                            kError},
+                           {"IpcThread with handle=" + handle + " stopped with error code -5", kError}}));
 }
 
 TEST_F(EntityTest, Run_StartFailuresTable)
 {
-    using MakeRegistry = std::function<std::shared_ptr<reg::IRegistry>()>;
-    using MakeChecker = std::function<std::shared_ptr<signature_verifier::wrapper::ISignatureVerifier>()>;
-    const MakeRegistry registry = [this] { return peers; };
-    const MakeChecker checker = [this] { return peers; };
+    using Peers = update::verifier::entity::Peers;
+    const auto fake = [this] { return peers; };
     struct Row {
         const char* name;
-        MakeRegistry makeRegistry;
-        MakeChecker makeChecker;
+        decltype(Peers::makeRegistry) makeRegistry;
+        decltype(Peers::makeChecker) makeChecker;
         std::vector<LogLine> lines;
     };
     const Row rows[] = {
-        {"nobody serves the registry", [] { return reg::CreateProxy("update_registry", "UpdateRegistry.UpdateRegistry"); },
-         checker,
+        {"nobody serves the registry",
+         [] { return reg::CreateProxy("update_registry", "UpdateRegistry.UpdateRegistry"); }, fake,
          {{"update_registry UpdateRegistry.UpdateRegistry", kInfo},
           {": invalid handle: 0x80000071 (Invalid result) ; detailed: exception during: main", kError},
           kFailed}},
         {"no registry client, no checker: the registry first", [] { return nullptr; }, [] { return nullptr; },
          {{": empty registry: 0x80000046 (Invalid argument) ; detailed: exception during: main", kError}, kFailed}},
-        {"no checker", registry, [] { return nullptr; },
+        {"no checker", fake, [] { return nullptr; },
          {{": empty verifier: 0x80000046 (Invalid argument) ; detailed: exception during: main", kError}, kFailed}},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         log.Clear();
-        update::verifier::entity::Peers wiring;
-        wiring.makeRegistry = row.makeRegistry;
-        wiring.makeChecker = row.makeChecker;
-        EXPECT_EQ(update::verifier::entity::Run(wiring), 1);
+        EXPECT_EQ(update::verifier::entity::Run({row.makeRegistry, row.makeChecker}), 1);
         EXPECT_EQ(Lines(), row.lines);
     }
 }

@@ -14,7 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "eka/result_code.h"
 #include "update/registry/ipc/registry.h"
 
 namespace verifier_test {
@@ -23,16 +22,11 @@ namespace reg = update::registry::ipc;
 namespace fs = std::filesystem;
 
 inline constexpr std::int32_t kThrows = 0x7EEEEEEE;
-// What GetHash gives when it succeeds.
-inline const std::vector<std::uint8_t> kHash{0xA5, 0x01, 0xFF};
 
 class FakePeers final : public reg::IRegistry, public signature_verifier::wrapper::ISignatureVerifier {
 public:
-    int getInfo = 0;
     reg::SessionInfo session;
-    std::int32_t verify = 0;
-    std::int32_t getHash = 0;
-    std::int32_t verifyHash = 0;
+    int getInfo = 0, verify = 0, getHash = 0, verifyHash = 0;  // a hash that GetHash gives is a5 01 ff
     mutable std::vector<std::string> calls;
 
     int GetInfo(unsigned int handle, reg::SessionInfo& info) const override
@@ -50,7 +44,7 @@ public:
     {
         calls.push_back("GetHash " + file.string() + " " + std::to_string(hash.size()));
         if (getHash >= 0)
-            hash = kHash;
+            hash = {0xA5, 0x01, 0xFF};
         return Answer(getHash);
     }
     std::int32_t VerifyHash(const std::vector<std::uint8_t>& hash, const fs::path& signature) override
@@ -59,11 +53,12 @@ public:
         return Answer(verifyHash);
     }
 
-    int Open(reg::PackageType, unsigned int&) override { return eka::result::NotImplemented; }
-    int Close(unsigned int) override { return eka::result::NotImplemented; }
-    int GetSessions(std::vector<reg::SessionInfo>&) const override { return eka::result::NotImplemented; }
-    int GetHandle(const eka::guid_t&, unsigned int&) const override { return eka::result::NotImplemented; }
-    int SetState(unsigned int, reg::UpdateState) override { return eka::result::NotImplemented; }
+    // Not called by the verifiers.
+    int Open(reg::PackageType, unsigned int&) override { return Answer(kThrows); }
+    int Close(unsigned int) override { return Answer(kThrows); }
+    int GetSessions(std::vector<reg::SessionInfo>&) const override { return Answer(kThrows); }
+    int GetHandle(const eka::guid_t&, unsigned int&) const override { return Answer(kThrows); }
+    int SetState(unsigned int, reg::UpdateState) override { return Answer(kThrows); }
 
 private:
     static std::int32_t Answer(std::int32_t answer)
