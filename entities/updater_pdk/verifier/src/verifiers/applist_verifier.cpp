@@ -22,19 +22,23 @@ constexpr int kNoListLine = 48;
 constexpr int kNoSignatureLine = 49;
 constexpr int kVerifyLine = 51;
 constexpr int kSucceededLine = 54;
+}  // namespace
+
+namespace detail {
+namespace {
 
 // Returns when the signature holds, after the success line; throws otherwise.
 void CheckAppList(const update::registry::ipc::IRegistry& registry,
                   signature_verifier::wrapper::ISignatureVerifier& checker, unsigned int handle)
 {
-    detail::RequireHandle(handle, kFile, kInvalidHandleLine);
-    const update::registry::ipc::SessionInfo info = detail::GetSession(registry, handle, kFile, kGetInfoLine);
+    RequireHandle(handle, kFile, kInvalidHandleLine);
+    const update::registry::ipc::SessionInfo info = GetSession(registry, handle, kFile, kGetInfoLine);
 
     const std::filesystem::path packagePath = update::GetPackagePath(info);
     const std::filesystem::path listPath = packagePath / update::GetAppListFileName();
     const std::filesystem::path signaturePath = packagePath / update::GetAppListSignatureName();
-    detail::RequireExists(listPath, "AppList file doesn't exist {}", kFile, kNoListLine);
-    detail::RequireExists(signaturePath, "AppList signature file doesn't exist {}", kFile, kNoSignatureLine);
+    RequireExists(listPath, "AppList file doesn't exist {}", kFile, kNoListLine);
+    RequireExists(signaturePath, "AppList signature file doesn't exist {}", kFile, kNoSignatureLine);
 
     const int rc = checker.Verify(listPath, signaturePath);
     if (eka::Failed(rc))
@@ -48,6 +52,7 @@ void CheckAppList(const update::registry::ipc::IRegistry& registry,
 }
 
 }  // namespace
+}  // namespace detail
 
 ApplistVerifier::ApplistVerifier(std::shared_ptr<update::registry::ipc::IRegistry> sessionRegistry,
                                  std::shared_ptr<signature_verifier::wrapper::ISignatureVerifier> signatureChecker)
@@ -58,7 +63,6 @@ ApplistVerifier::ApplistVerifier(std::shared_ptr<update::registry::ipc::IRegistr
 
 int ApplistVerifier::Verify(unsigned int handle) const noexcept
 {
-    return detail::RunVerify([&] { CheckAppList(*registry, *verifier, handle); });
+    return detail::RunVerify([&] { detail::CheckAppList(*registry, *verifier, handle); });
 }
-
 }  // namespace update::verifier

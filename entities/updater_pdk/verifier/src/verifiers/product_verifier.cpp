@@ -24,27 +24,31 @@ constexpr int kNoSignatureLine = 50;
 constexpr int kGetHashLine = 53;
 constexpr int kVerifyHashLine = 54;
 constexpr int kSucceededLine = 57;
+}  // namespace
+
+namespace detail {
+namespace {
 
 // Returns when the signature holds, after the success line; throws otherwise.
 void CheckProduct(const update::registry::ipc::IRegistry& registry,
                   signature_verifier::wrapper::ISignatureVerifier& checker, unsigned int handle)
 {
-    detail::RequireHandle(handle, kFile, kInvalidHandleLine);
-    const update::registry::ipc::SessionInfo info = detail::GetSession(registry, handle, kFile, kGetInfoLine);
+    RequireHandle(handle, kFile, kInvalidHandleLine);
+    const update::registry::ipc::SessionInfo info = GetSession(registry, handle, kFile, kGetInfoLine);
 
     const std::filesystem::path packagePath = update::GetPackagePath(info);
     const std::filesystem::path archivePath = packagePath / update::GetUpdateArchiveName();
     const std::filesystem::path signaturePath = packagePath / update::GetUpdateSignatureName();
-    detail::RequireExists(archivePath, "update archive file doesn't exist {}", kFile, kNoArchiveLine);
-    detail::RequireExists(signaturePath, "update signature file doesn't exist {}", kFile, kNoSignatureLine);
+    RequireExists(archivePath, "update archive file doesn't exist {}", kFile, kNoArchiveLine);
+    RequireExists(signaturePath, "update signature file doesn't exist {}", kFile, kNoSignatureLine);
 
     // The archive is read once, here; only its hash goes to the entity.
     std::vector<unsigned char> hash;
-    int rc = detail::NoThrowCall([&] { return checker.GetHash(archivePath, hash); });
+    int rc = NoThrowCall([&] { return checker.GetHash(archivePath, hash); });
     if (eka::Failed(rc))
         eka::Throw(kFile, kGetHashLine,
                    eka::CheckResultFailedException(rc, u"Expression failed") << "failed get update file hash");
-    rc = detail::NoThrowCall([&] { return checker.VerifyHash(hash, signaturePath); });
+    rc = NoThrowCall([&] { return checker.VerifyHash(hash, signaturePath); });
     if (eka::Failed(rc))
         eka::Throw(kFile, kVerifyHashLine,
                    eka::CheckResultFailedException(rc, u"Expression failed")
@@ -56,6 +60,7 @@ void CheckProduct(const update::registry::ipc::IRegistry& registry,
 }
 
 }  // namespace
+}  // namespace detail
 
 ProductVerifier::ProductVerifier(std::shared_ptr<update::registry::ipc::IRegistry> sessionRegistry,
                                  std::shared_ptr<signature_verifier::wrapper::ISignatureVerifier> signatureChecker)
@@ -66,7 +71,6 @@ ProductVerifier::ProductVerifier(std::shared_ptr<update::registry::ipc::IRegistr
 
 int ProductVerifier::Verify(unsigned int handle) const noexcept
 {
-    return detail::RunVerify([&] { CheckProduct(*registry, *verifier, handle); });
+    return detail::RunVerify([&] { detail::CheckProduct(*registry, *verifier, handle); });
 }
-
 }  // namespace update::verifier
