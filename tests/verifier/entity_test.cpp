@@ -32,7 +32,7 @@ Bytes Verify(std::uint16_t riid, std::uint32_t handle)
     return BytesOf(request);
 }
 
-class EntityTest : public RuntimeDirTest {
+class VerifierEntityTest : public RuntimeDirTest {
 protected:
     // The lines logged, with the location of those from other files left out.
     std::vector<LogLine> Lines() const
@@ -49,7 +49,7 @@ protected:
     std::shared_ptr<FakePeers> peers = std::make_shared<FakePeers>();
 };
 
-TEST_F(EntityTest, Run_ServesEndpointsInOrderAndGoesOnAfterEagain)
+TEST_F(VerifierEntityTest, Run_ServesEndpointsInOrderAndGoesOnAfterEagain)
 {
     // A session whose folder is empty: each verifier names the file it
     // looked for first.
@@ -75,7 +75,7 @@ TEST_F(EntityTest, Run_ServesEndpointsInOrderAndGoesOnAfterEagain)
                            {"IpcThread with handle=" + handle + " stopped with error code -5", kError}}));
 }
 
-TEST_F(EntityTest, Run_StartFailuresTable)
+TEST_F(VerifierEntityTest, Run_StartFailuresTable)
 {
     using Peers = update::verifier::entity::Peers;
     const auto fake = [this] { return peers; };

@@ -81,7 +81,7 @@ struct Wired {
     nv_Verifier_component component{&endpoints[0], &endpoints[1]};
 };
 
-TEST(InterfaceTest, Dispatch_Table)
+TEST(VerifierInterfaceTest, Dispatch_Table)
 {
     struct Row {
         const char* name;
@@ -129,7 +129,7 @@ TEST(InterfaceTest, Dispatch_Table)
 
 // Called directly, the stub keeps the platform's bits 23-30 of the size word,
 // and answers arguments it cannot use with 0x80000046.
-TEST(InterfaceTest, VerifyStub_Table)
+TEST(VerifierInterfaceTest, VerifyStub_Table)
 {
     test_support::LogCapture log;
     test_support::RootLoggerCapture capture(log);
@@ -173,7 +173,7 @@ TEST(InterfaceTest, VerifyStub_Table)
     }
 }
 
-TEST(InterfaceTest, CreateStub_EmptyVerifierThrows)
+TEST(VerifierInterfaceTest, CreateStub_EmptyVerifierThrows)
 {
     try {
         (void)update::verifier::ipc::CreateStub(nullptr);
@@ -185,7 +185,7 @@ TEST(InterfaceTest, CreateStub_EmptyVerifierThrows)
 }
 
 // A verifier that throws breaks its contract: the stub lets nothing through.
-TEST(InterfaceTest, VerifyStub_VerifierThatThrowsEndsTheProcess)
+TEST(VerifierInterfaceTest, VerifyStub_VerifierThatThrowsEndsTheProcess)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     Wired wired(kThrow);

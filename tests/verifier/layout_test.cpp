@@ -8,7 +8,7 @@
 namespace verifier_test {
 namespace {
 
-TEST(LayoutTest, GetPackagePath_FilesOfOnePackage)
+TEST(PackageLayoutTest, GetPackagePath_FilesOfOnePackage)
 {
     struct Row {
         const char* folder;
@@ -32,7 +32,7 @@ TEST(LayoutTest, GetPackagePath_FilesOfOnePackage)
     EXPECT_EQ(dir / update::GetUpdateSignatureName(), "/update_storage/abc/update_vantor3.sign");
 }
 
-TEST(LayoutTest, GenerateUuid_RandomVersion4)
+TEST(PackageLayoutTest, GenerateUuid_RandomVersion4)
 {
     const eka::guid_t first = update::GenerateUuid();
     const eka::guid_t second = update::GenerateUuid();

@@ -22,7 +22,7 @@ namespace {
 using namespace test_support;
 namespace fs = std::filesystem;
 
-class E2eTest : public RuntimeDirTest {
+class VerifierE2eTest : public RuntimeDirTest {
 protected:
     // The verifier's log-storage lines since the last call, once there are
     // `count` of them or 10 s have passed.
@@ -40,7 +40,7 @@ protected:
     size_t seen = 0;
 };
 
-TEST_F(E2eTest, Verify_EachPathOnce)
+TEST_F(VerifierE2eTest, Verify_EachPathOnce)
 {
     const fs::path dir = runtime.Path();
     ASSERT_EQ(std::system((VERIFIER_E2E_DIR "/make-package '" + dir.string() + "'").c_str()), 0);

@@ -23,10 +23,10 @@ namespace {
 using namespace test_support;
 namespace fs = std::filesystem;
 
-class ProcessTest : public RuntimeDirTest {
+class VerifierProcessTest : public RuntimeDirTest {
 protected:
     // Session 7's folder holds an application list and its signature.
-    ProcessTest()
+    VerifierProcessTest()
     {
         for (const char* name : {"appcollectioninfo.nos.vantor.json", "appcollectioninfo.nos.vantor.json.sign"})
             std::ofstream(runtime.Path() / name) << "content";
@@ -46,7 +46,7 @@ protected:
     std::unique_ptr<FakeRegistry> registry;
 };
 
-TEST_F(ProcessTest, Main_StopSignalsEndServingWithStatusZero)
+TEST_F(VerifierProcessTest, Main_StopSignalsEndServingWithStatusZero)
 {
     // A test started in the background may inherit SIGINT ignored, and so
     // would the verifier: give it the default action, as a terminal would.
@@ -62,7 +62,7 @@ TEST_F(ProcessTest, Main_StopSignalsEndServingWithStatusZero)
     }
 }
 
-TEST_F(ProcessTest, Main_ClientThatLeavesBeforeItsReplyDoesNotEndServing)
+TEST_F(VerifierProcessTest, Main_ClientThatLeavesBeforeItsReplyDoesNotEndServing)
 {
     const auto verifier = StartVerifier();
     registry->SetMode(FakeMode::Never);
@@ -76,7 +76,7 @@ TEST_F(ProcessTest, Main_ClientThatLeavesBeforeItsReplyDoesNotEndServing)
     EXPECT_FALSE(verifier->Wait(0ms).has_value());
 }
 
-TEST_F(ProcessTest, Verify_SignatureVerifierThatDiesMidRequest)
+TEST_F(VerifierProcessTest, Verify_SignatureVerifierThatDiesMidRequest)
 {
     const auto verifier = StartVerifier();
     auto checker = std::make_unique<FakeSignatureVerifier>();
@@ -91,7 +91,7 @@ TEST_F(ProcessTest, Verify_SignatureVerifierThatDiesMidRequest)
     EXPECT_EQ(Verify(kApplist, 7), 0u);
 }
 
-TEST_F(ProcessTest, Verify_ManyChecksLeaveNoDescriptorOpen)
+TEST_F(VerifierProcessTest, Verify_ManyChecksLeaveNoDescriptorOpen)
 {
     FakeSignatureVerifier checker;
     const auto verifier = StartVerifier();
