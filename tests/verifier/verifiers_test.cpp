@@ -10,7 +10,6 @@
 #include <memory>
 #include <string>
 #include <system_error>
-#include <tuple>
 #include <vector>
 
 #include "fake_peers.h"
@@ -144,29 +143,6 @@ TEST_F(VerifiersTest, Verify_OutcomeTable)
             lines[0].where.clear();  // ManageException's own location
         const int level = row.where.empty() ? test_support::kError : test_support::kInfo;
         EXPECT_EQ(lines, std::vector<LogLine>{LogLine(row.line, level, row.where)});
-    }
-}
-
-// The registry's GetInfo and the checker's GetHash and VerifyHash report
-// failure only by their result: an exception from one of them is a broken
-// contract that ends the process.
-TEST_F(VerifiersTest, Verify_PeerThatThrowsWhereItMustNotEndsTheProcess)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    for (const char* name : {"appcollectioninfo.nos.vantor.json", "appcollectioninfo.nos.vantor.json.sign",
-                             "update_vantor3.tar.gz", "update_vantor3.sign"})
-        std::ofstream(dir.Path() / name) << "content";
-    const std::tuple<const char*, Kind, int FakePeers::*> rows[] = {
-        {"applist, GetInfo", kApplist, &FakePeers::getInfo},
-        {"product, GetInfo", kProduct, &FakePeers::getInfo},
-        {"GetHash", kProduct, &FakePeers::getHash},
-        {"VerifyHash", kProduct, &FakePeers::verifyHash},
-    };
-    for (const auto& [name, kind, call] : rows) {
-        auto peers = std::make_shared<FakePeers>();
-        peers->session.path = dir.Path();
-        (*peers).*call = kThrows;
-        EXPECT_DEATH((void)Make(kind, peers)->Verify(1), "peer broke") << name;
     }
 }
 
