@@ -63,7 +63,7 @@ SignalStop::~SignalStop()
     m_waiter.join();
 }
 
-SignalStop::Armed SignalStop::Arm(std::function<void()> requestStop, std::string channel)
+void SignalStop::Arm(std::function<void()> requestStop, std::string channel)
 {
     {
         std::lock_guard lock(m_mutex);
@@ -72,7 +72,6 @@ SignalStop::Armed SignalStop::Arm(std::function<void()> requestStop, std::string
     }
     if (m_blocked)
         m_waiter = std::thread(&SignalStop::Wait, this);
-    return Armed(*this);
 }
 
 void SignalStop::Disarm() noexcept

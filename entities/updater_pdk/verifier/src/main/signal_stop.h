@@ -15,6 +15,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 
 namespace update::verifier::entity {
 
@@ -33,9 +34,14 @@ public:
 
     // While it lives, a signal calls `requestStop` and wakes the server on
     // `channel`. Destroy it before the server that `requestStop` refers to.
+    // Starts the waiting thread: arm a SignalStop once. Throws
+    // std::system_error when the thread cannot be started.
     class Armed {
     public:
-        explicit Armed(SignalStop& owner) noexcept : m_owner(owner) {}
+        Armed(SignalStop& owner, std::function<void()> requestStop, std::string channel) : m_owner(owner)
+        {
+            m_owner.Arm(std::move(requestStop), std::move(channel));
+        }
         ~Armed() { m_owner.Disarm(); }
         Armed(const Armed&) = delete;
         Armed& operator=(const Armed&) = delete;
@@ -44,11 +50,8 @@ public:
         SignalStop& m_owner;
     };
 
-    // Starts the waiting thread; call once. Throws std::system_error when
-    // the thread cannot be started.
-    [[nodiscard]] Armed Arm(std::function<void()> requestStop, std::string channel);
-
 private:
+    void Arm(std::function<void()> requestStop, std::string channel);
     void Wait();
     void Disarm() noexcept;
 

@@ -24,22 +24,12 @@ constexpr int kVerifyLine = 51;
 constexpr int kSucceededLine = 54;
 }  // namespace
 
-ApplistVerifier::ApplistVerifier(std::shared_ptr<update::registry::ipc::IRegistry> sessionRegistry,
-                                 std::shared_ptr<signature_verifier::wrapper::ISignatureVerifier> signatureChecker)
-    : PackageVerifier(std::move(sessionRegistry), std::move(signatureChecker), kFile, kEmptyRegistryLine,
-                      kEmptyVerifierLine)
-{
-}
-
-int ApplistVerifier::Verify(unsigned int handle) const noexcept
-{
-    return detail::RunVerify([&] { detail::VerifyAppListOrThrow(*registry, *verifier, handle); });
-}
-
 namespace detail {
+namespace {
 
-void VerifyAppListOrThrow(const update::registry::ipc::IRegistry& registry,
-                          signature_verifier::wrapper::ISignatureVerifier& checker, unsigned int handle)
+// Returns when the signature holds, after the success line; throws otherwise.
+void CheckAppList(const update::registry::ipc::IRegistry& registry,
+                  signature_verifier::wrapper::ISignatureVerifier& checker, unsigned int handle)
 {
     RequireHandle(handle, kFile, kInvalidHandleLine);
     const update::registry::ipc::SessionInfo info = GetSession(registry, handle, kFile, kGetInfoLine);
@@ -61,5 +51,18 @@ void VerifyAppListOrThrow(const update::registry::ipc::IRegistry& registry,
                               listPath.generic_string(), signaturePath.generic_string());
 }
 
+}  // namespace
 }  // namespace detail
+
+ApplistVerifier::ApplistVerifier(std::shared_ptr<update::registry::ipc::IRegistry> sessionRegistry,
+                                 std::shared_ptr<signature_verifier::wrapper::ISignatureVerifier> signatureChecker)
+    : PackageVerifier(std::move(sessionRegistry), std::move(signatureChecker), kFile, kEmptyRegistryLine,
+                      kEmptyVerifierLine)
+{
+}
+
+int ApplistVerifier::Verify(unsigned int handle) const noexcept
+{
+    return detail::RunVerify([&] { detail::CheckAppList(*registry, *verifier, handle); });
+}
 }  // namespace update::verifier

@@ -17,6 +17,12 @@ void RequireOwner(bool present, const char16_t* description, const char* file, i
         eka::Throw<eka::ResultCodeException>(file, line, eka::result::InvalidArgument, std::u16string(description));
 }
 
+bool Exists(const std::filesystem::path& path)
+{
+    const std::filesystem::file_type type = std::filesystem::status(path).type();
+    return type != std::filesystem::file_type::not_found && type != std::filesystem::file_type::none;
+}
+
 }  // namespace
 
 void RequireHandle(unsigned int handle, const char* file, int line)
@@ -34,12 +40,6 @@ update::registry::ipc::SessionInfo GetSession(const update::registry::ipc::IRegi
         eka::Throw(file, line,
                    eka::CheckResultFailedException(rc, u"Expression failed") << "failed get info from session registry");
     return info;
-}
-
-bool Exists(const std::filesystem::path& path)
-{
-    const std::filesystem::file_type type = std::filesystem::status(path).type();
-    return type != std::filesystem::file_type::not_found && type != std::filesystem::file_type::none;
 }
 
 void RequireExists(const std::filesystem::path& path, fmt::format_string<const std::string&> text, const char* file,

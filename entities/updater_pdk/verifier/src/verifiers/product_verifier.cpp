@@ -26,22 +26,12 @@ constexpr int kVerifyHashLine = 54;
 constexpr int kSucceededLine = 57;
 }  // namespace
 
-ProductVerifier::ProductVerifier(std::shared_ptr<update::registry::ipc::IRegistry> sessionRegistry,
-                                 std::shared_ptr<signature_verifier::wrapper::ISignatureVerifier> signatureChecker)
-    : PackageVerifier(std::move(sessionRegistry), std::move(signatureChecker), kFile, kEmptyRegistryLine,
-                      kEmptyVerifierLine)
-{
-}
-
-int ProductVerifier::Verify(unsigned int handle) const noexcept
-{
-    return detail::RunVerify([&] { detail::VerifyProductOrThrow(*registry, *verifier, handle); });
-}
-
 namespace detail {
+namespace {
 
-void VerifyProductOrThrow(const update::registry::ipc::IRegistry& registry,
-                          signature_verifier::wrapper::ISignatureVerifier& checker, unsigned int handle)
+// Returns when the signature holds, after the success line; throws otherwise.
+void CheckProduct(const update::registry::ipc::IRegistry& registry,
+                  signature_verifier::wrapper::ISignatureVerifier& checker, unsigned int handle)
 {
     RequireHandle(handle, kFile, kInvalidHandleLine);
     const update::registry::ipc::SessionInfo info = GetSession(registry, handle, kFile, kGetInfoLine);
@@ -69,5 +59,18 @@ void VerifyProductOrThrow(const update::registry::ipc::IRegistry& registry,
                               archivePath.generic_string(), signaturePath.generic_string());
 }
 
+}  // namespace
 }  // namespace detail
+
+ProductVerifier::ProductVerifier(std::shared_ptr<update::registry::ipc::IRegistry> sessionRegistry,
+                                 std::shared_ptr<signature_verifier::wrapper::ISignatureVerifier> signatureChecker)
+    : PackageVerifier(std::move(sessionRegistry), std::move(signatureChecker), kFile, kEmptyRegistryLine,
+                      kEmptyVerifierLine)
+{
+}
+
+int ProductVerifier::Verify(unsigned int handle) const noexcept
+{
+    return detail::RunVerify([&] { detail::CheckProduct(*registry, *verifier, handle); });
+}
 }  // namespace update::verifier

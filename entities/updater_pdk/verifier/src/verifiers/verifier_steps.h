@@ -1,7 +1,6 @@
-// The steps the two verifiers share, and the throwing bodies of their Verify
-// operations. Every throw records the source file and line that the caller
-// names: they are part of each verifier's contract, whatever file the code
-// lives in.
+// The steps the two verifiers share. Every throw records the source file and
+// line that the caller names: they are part of each verifier's contract,
+// whatever file the code lives in.
 #pragma once
 
 #include <filesystem>
@@ -25,24 +24,14 @@ void RequireHandle(unsigned int handle, const char* file, int line);
 update::registry::ipc::SessionInfo GetSession(const update::registry::ipc::IRegistry& registry, unsigned int handle,
                                               const char* file, int line);
 
-// Whether anything, of any type (a directory too), is at `path`; a dangling
-// symbolic link is nothing. A status that cannot be read (a symbolic-link
-// loop, a name too long, a folder that may not be searched) is no answer:
-// std::filesystem::filesystem_error is thrown, with the system's own text.
-bool Exists(const std::filesystem::path& path);
-
 // Throws eka::ResultCodeException 0x80000046 at (file, line), described by
-// `text` formatted with the path's native text, when nothing is at `path`;
-// lets the file-system error of an unreadable status through.
+// `text` formatted with the path's native text, when nothing is at `path`.
+// Anything of any type (a directory too) counts; a dangling symbolic link is
+// nothing. A status that cannot be read (a symbolic-link loop, a name too
+// long, a folder that may not be searched) is no answer:
+// std::filesystem::filesystem_error is thrown, with the system's own text.
 void RequireExists(const std::filesystem::path& path, fmt::format_string<const std::string&> text, const char* file,
                    int line);
-
-// The Verify bodies: return when the package's signature holds (after the
-// success line), throw otherwise.
-void VerifyAppListOrThrow(const update::registry::ipc::IRegistry& registry,
-                          signature_verifier::wrapper::ISignatureVerifier& checker, unsigned int handle);
-void VerifyProductOrThrow(const update::registry::ipc::IRegistry& registry,
-                          signature_verifier::wrapper::ISignatureVerifier& checker, unsigned int handle);
 
 // Calls a peer operation that reports failure only by its result (the
 // registry's GetInfo, the checker's GetHash and VerifyHash). An exception
