@@ -59,7 +59,9 @@ TEST(SignatureCheckerTest, Checks_Outcomes)
     const auto setCrl = [](ByteVector der) -> Step { return [=](auto& c) { return c.SetCrl(der); }; };
     const Step check = buffer(data, good);
     const char *const roots = "pki/roots", *const none = nullptr;
-    enum : std::uint32_t { kOk, kInvalid, kUntrusted, kRevoked, kMalformed, kAlgorithm, kHashSize, kRequest, kRoot, kCrl };
+    enum : std::uint32_t {
+        kOk, kInvalid, kUntrusted, kRevoked, kMalformed, kAlgorithm, kHashSize, kRequest, kRoot, kCrl
+    };
     static_assert(kCrl == NV_SIGNATURE_VERIFIER_CC_MALFORMED_CRL && kRevoked == NV_SIGNATURE_VERIFIER_CC_REVOKED);
     const struct {
         const char* name;
@@ -71,7 +73,8 @@ TEST(SignatureCheckerTest, Checks_Outcomes)
         {"good", roots, {check}, kOk, ""},
         {"good, by hash", roots, {byHash(1, hash, good)}, kOk, ""},
         {"empty data", roots, {buffer({}, Read("empty-data.sig"))}, kOk, ""},
-        {"a data byte flipped", roots, {buffer(Changed(data, 3), good)}, kInvalid, "the message digest does not match the data"},
+        {"a data byte flipped", roots, {buffer(Changed(data, 3), good)}, kInvalid,
+         "the message digest does not match the data"},
         {"a signature byte flipped", roots, {buffer(data, Changed(good, good.size() - 1))}, kInvalid, ""},
         {"a hash byte flipped", roots, {byHash(1, Changed(hash, 31), good)}, kInvalid, ""},
         {"signer under another root", roots, {buffer(data, Read("wrong-root.sig"))}, kUntrusted, ""},
@@ -79,7 +82,8 @@ TEST(SignatureCheckerTest, Checks_Outcomes)
          "unable to get local issuer certificate at /O=Verifier Test PKI/CN=Test Intermediate CA"},
         {"intermediate not embedded", roots, {buffer(data, Read("no-intermediate.sig"))}, kUntrusted, ""},
         {"the root added, twice", none, {add(root), add(root), check}, kOk, ""},
-        {"refused roots trust nothing", none, {add(junk), add(Read("pki/root-ca.pem")), add(crl), check}, kUntrusted, ""},
+        {"refused roots trust nothing", none, {add(junk), add(Read("pki/root-ca.pem")), add(crl), check}, kUntrusted,
+         ""},
         {"revoked signer, no CRL", roots, {buffer(data, revoked)}, kOk, ""},
         {"revoked signer in the CRL", roots, {setCrl(crl), buffer(data, revoked)}, kRevoked,
          "certificate revoked at /O=Verifier Test PKI/CN=Test Revoked Signer"},
@@ -172,7 +176,8 @@ TEST(RequestHandlerTest, Handle_Refusals)
         {Request(4, 0, {}), "warning SetCRLBlob (mid 4): refused with code 7: a request of 0 bytes, expected 32"},
         {buffer.With(24, {used, 1}), cb + "data (" + std::to_string(used) + ", 1" + outside},
         {buffer.With(24, {0xFFFFFFFF, 2}), cb + "data (4294967295, 2" + outside},
-        {buffer.With(36, {used}), cb + "signature (" + std::to_string(data.size()) + ", " + std::to_string(used) + outside},
+        {buffer.With(36, {used}),
+         cb + "signature (" + std::to_string(data.size()) + ", " + std::to_string(used) + outside},
         {buffer.With(24, {0, 0x4000001}), cb + "data of 67108865 bytes exceeds 67108864"},
         {buffer.With(32, {0, 0x4000001}), cb + "signature of 67108865 bytes exceeds 67108864"},
         {Request(1, 48, {ByteVector(513), good}), ch + "hash of 513 bytes exceeds 512"},
