@@ -9,6 +9,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include <eka/exception.h>
 #include <eka/posix/result_code.h>
@@ -17,8 +18,6 @@
 #include <eka/throw.h>
 #include <nglog/nglog.h>
 #include <signature_verifier/signature_verifier.h>
-
-#include "private/result_funnel.h"
 
 namespace signature_verifier::wrapper {
 namespace {
@@ -170,10 +169,11 @@ void HashChunk(std::istream& in, char* buffer, std::size_t length, void* hash)
         ThrowCallFailed(kLineHashBuffer, status);
 }
 
-}  // namespace
-
-namespace detail {
-
+// To be called inside a catch-all handler: classifies the exception being
+// handled, logs it at level 1 (when the level is above 0) with the
+// operation's name, and returns its result code: an eka exception its own
+// code, another standard exception 0x8000004B, anything else 0x80000072.
+// Terminates the process if logging itself throws.
 std::int32_t ResultFromCurrentException(std::string_view operation) noexcept
 {
     const int length = static_cast<int>(operation.size());
@@ -199,7 +199,7 @@ std::int32_t ResultFromCurrentException(std::string_view operation) noexcept
     }
 }
 
-}  // namespace detail
+}  // namespace
 
 std::int32_t UpdateVerifier::GetHash(const std::filesystem::path& file, std::vector<std::uint8_t>& hash)
 {
@@ -223,7 +223,7 @@ std::int32_t UpdateVerifier::GetHash(const std::filesystem::path& file, std::vec
         hash.resize(size);
         return eka::result::NoError;
     } catch (...) {
-        return detail::ResultFromCurrentException("get_hash");
+        return ResultFromCurrentException("get_hash");
     }
 }
 
@@ -239,7 +239,7 @@ std::int32_t UpdateVerifier::VerifyHash(const std::vector<std::uint8_t>& hash, c
             ThrowCallFailed(kLineCheckHash, status);
         return eka::result::NoError;
     } catch (...) {
-        return detail::ResultFromCurrentException("verify_hash");
+        return ResultFromCurrentException("verify_hash");
     }
 }
 
@@ -255,7 +255,7 @@ std::int32_t UpdateVerifier::Verify(const std::filesystem::path& file, const std
             ThrowCallFailed(kLineCheckBuffer, status);
         return eka::result::NoError;
     } catch (...) {
-        return detail::ResultFromCurrentException("verify");
+        return ResultFromCurrentException("verify");
     }
 }
 

@@ -36,9 +36,6 @@ const CompressImpl& AvxImpl();
 // x86-64 with AVX-512 F, BW, VL, VBMI and GFNI. Only to be called when the
 // CPU reports them and the OS saves the ZMM state.
 const CompressImpl& GfniImpl();
-// The linear transform L of that path alone, on 8 words in the standard's
-// layout (same conditions).
-void LinearGfni(std::uint64_t* words);
 #else
 #define NDS_HAVE_AVX_IMPL 0
 #define NDS_HAVE_GFNI_IMPL 0

@@ -263,15 +263,7 @@ NDS_GFNI_TARGET void CompressBlocksGfni(std::uint64_t* h, std::uint64_t* n, std:
     }
 }
 
-NDS_GFNI_TARGET void LinearGfniImpl(std::uint64_t* words) {
-    Constants c;
-    LoadConstants(c);
-    _mm512_storeu_si512(words, Transpose(c, LinearXor(c, Load(words), _mm512_setzero_si512())));
-}
-
 }  // namespace
-
-void LinearGfni(std::uint64_t* words) { LinearGfniImpl(words); }
 
 const CompressImpl& GfniImpl() {
     static constexpr CompressImpl impl{"gfni", CompressGfni, CompressBlocksGfni};

@@ -1,5 +1,5 @@
 // Pieces shared by the two halves of the client library, and the reply
-// decoding, which the tests also reach directly.
+// decoding, which the fuzz target also reaches directly.
 #pragma once
 
 #include <cstddef>
