@@ -121,21 +121,4 @@ result_t ResultCodeOf(const Exception& exception) noexcept
     return result::ExceptionHasNoResultCode;
 }
 
-result_t ResultCodeOfCurrentException() noexcept
-{
-    const std::exception_ptr current = std::current_exception();
-    if (!current)
-        return result::NoCurrentException;
-    try {
-        std::rethrow_exception(current);
-    } catch (const Exception& e) {
-        return ResultCodeOf(e);
-    } catch (const std::exception&) {
-        return result::UnspecifiedError;
-    } catch (...) {
-        // Only the kind matters here: the caller still holds the exception.
-        return result::UnknownException;
-    }
-}
-
 }  // namespace eka

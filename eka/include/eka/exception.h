@@ -156,9 +156,4 @@ private:
 // gives "Exception has no result code".
 result_t ResultCodeOf(const Exception& exception) noexcept;
 
-// The same for the exception being handled: "No current exception" when
-// there is none, "Unspecified error" for another standard exception and
-// "Unknown exception" for anything else.
-result_t ResultCodeOfCurrentException() noexcept;
-
 }  // namespace eka

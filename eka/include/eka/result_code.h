@@ -20,12 +20,6 @@ inline constexpr std::uint32_t Posix = 6;
 }  // namespace facility
 
 constexpr bool Failed(result_t code) noexcept { return code < 0; }
-constexpr bool Succeeded(result_t code) noexcept { return code >= 0; }
-
-constexpr std::uint32_t FacilityOf(result_t code) noexcept
-{
-    return (static_cast<std::uint32_t>(code) >> 16) & 0x7FFFu;
-}
 
 constexpr result_t MakeFailure(std::uint32_t facilityId, std::uint32_t code) noexcept
 {

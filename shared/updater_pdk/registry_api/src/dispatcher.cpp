@@ -190,7 +190,11 @@ int DispatchRegistry(RegistryComponent* component, const nk_message* request, co
             x, Method::GetInfo, kGetInfoArenaSize, [&](const auto& in, auto& out, nk_arena& window) {
                 SessionInfo info;
                 const int rc = registry.GetInfo(HandleFromWire(in.handle.handle), info);
-                out.info = FromSessionInfo(info, window);
+                // Made apart: the compiler may build a returned record in
+                // its destination, and one that does not fit must leave the
+                // answer's record zero.
+                const nv_IUpdateRegistry_SessionInfo record = FromSessionInfo(info, window);
+                out.info = record;
                 return rc;
             });
     }

@@ -6,14 +6,9 @@
 #include <spdlog/pattern_formatter.h>
 
 namespace nos::logger {
+namespace {
 
-NosSink::NosSink(const char* pattern)
-{
-    set_formatter_(std::make_unique<spdlog::pattern_formatter>(pattern != nullptr ? pattern : "%v",
-                                                               spdlog::pattern_time_type::local, ""));
-}
-
-int NosSink::PlatformLevel(spdlog::level::level_enum level) noexcept
+int PlatformLevel(spdlog::level::level_enum level) noexcept
 {
     switch (level) {
     case spdlog::level::trace:
@@ -31,6 +26,14 @@ int NosSink::PlatformLevel(spdlog::level::level_enum level) noexcept
     default:
         return NOS_LOG_DEBUG;
     }
+}
+
+}  // namespace
+
+NosSink::NosSink(const char* pattern)
+{
+    set_formatter_(std::make_unique<spdlog::pattern_formatter>(pattern != nullptr ? pattern : "%v",
+                                                               spdlog::pattern_time_type::local, ""));
 }
 
 void NosSink::sink_it_(const spdlog::details::log_msg& msg)

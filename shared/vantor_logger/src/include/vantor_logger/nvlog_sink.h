@@ -29,8 +29,6 @@ public:
     // Sends one record with the store method; returns the transport's code.
     Retcode Store(std::span<std::uint8_t> record);
 
-    std::uint32_t riid() const noexcept { return m_riid; }
-
 private:
     std::mutex m_mutex;  // one exchange at a time on the channel
     NkNosTransport m_transport{};

@@ -44,8 +44,6 @@ public:
     virtual bool IsEnabled(LogLevel level) const;
     virtual void SetLogLevel(LogLevel level);
 
-    const std::shared_ptr<spdlog::logger>& logger() const noexcept { return m_logger; }
-
 private:
     void Write(spdlog::level::level_enum level, const LoggerData& where, const char* text);
 

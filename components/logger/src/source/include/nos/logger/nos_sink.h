@@ -12,11 +12,9 @@ public:
     // The line has no line end of its own: the platform log writes lines.
     explicit NosSink(const char* pattern = "%v");
 
-    // Platform level of a record level: trace 6, debug 5, info 4, warning 3,
-    // error 2, critical 1, and 5 for anything else (off included).
-    static int PlatformLevel(spdlog::level::level_enum level) noexcept;
-
 protected:
+    // At the platform level of the record's: trace 6, debug 5, info 4,
+    // warning 3, error 2, critical 1, and 5 for anything else (off included).
     void sink_it_(const spdlog::details::log_msg& msg) override;
     void flush_() override {}
 };
