@@ -13,7 +13,8 @@ Fixtures& EntityTest::Shared()
 void EntityTest::StartEntity(const std::string& roots)
 {
     entity = std::make_unique<host::testing::EntityProcess>(
-        std::vector<std::string>{"--roots", Shared().pki.File(roots).string()}, Shared().dir.Path() / "entity.log");
+        std::vector<std::string>{"--roots", Shared().pki.File(roots).string(), "--allow-trust-changes"},
+        Shared().dir.Path() / "entity.log");
     entity->WaitServing();
 }
 

@@ -45,7 +45,8 @@ protected:
     void Start(const std::string& rootsDir)
     {
         entity = std::make_unique<EntityProcess>(
-            std::vector<std::string>{"--roots", env->pki.File(rootsDir).string()}, env->dir.Path() / "entity.log");
+            std::vector<std::string>{"--roots", env->pki.File(rootsDir).string(), "--allow-trust-changes"},
+            env->dir.Path() / "entity.log");
         client = std::make_unique<RawClient>(entity->WaitServing());
     }
 

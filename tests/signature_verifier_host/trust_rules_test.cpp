@@ -1,9 +1,11 @@
 // What the signature checker trusts: signer certificates, CRLs and roots from
-// the test PKI.
+// the test PKI, and trust changes only in an entity that allows them.
 
 #include <map>
 
 #include "checker_fixture.h"
+#include "entity_process.h"
+#include "support/runtime_dir.h"
 
 namespace signature_verifier::host::testing {
 namespace {
@@ -111,6 +113,50 @@ TEST_F(CheckerTest, AddRootCertificate_DerExactly)
         EXPECT_EQ(outcome.code, c.code);
         EXPECT_EQ(outcome.detail, c.code == kOk ? "" : "a certificate in BER, not DER");
         EXPECT_EQ(checker.CheckBuffer(fx.data, fx.goodSignature).code, c.code == kOk ? kOk : kUntrusted);
+    }
+}
+
+class TrustChangesTest : public test_support::RuntimeDirTest {};
+
+TEST_F(TrustChangesTest, Main_TrustChangesOnlyWhenAllowed)
+{
+    const SharedPki& fx = Shared();
+    const struct {
+        std::vector<std::string> flags;
+        std::uint32_t code;
+        std::uint32_t afterRevoke;
+    } cases[] = {
+        {{}, NV_SIGNATURE_VERIFIER_CC_TRUST_CHANGES_REFUSED, kOk},
+        {{"--allow-trust-changes"}, kOk, kRevoked},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.flags.empty() ? "without the flag" : "with the flag");
+        std::vector<std::string> args{"--roots", fx.pki.File("roots").string()};
+        args.insert(args.end(), c.flags.begin(), c.flags.end());
+        EntityProcess entity(args, runtime.Path() / ("entity" + std::to_string(c.flags.size()) + ".log"));
+        {
+            RawClient client(entity.WaitServing());
+            EXPECT_EQ(client.Code(OneBlobRequest(nv_SignatureVerifier_AddRootCertificate_mid, fx.pki.Der("root-ca"))),
+                      c.code);
+            EXPECT_EQ(client.Code(OneBlobRequest(nv_SignatureVerifier_SetCRLBlob_mid, fx.pki.Der("crl"))), c.code);
+            EXPECT_EQ(client.Code(OneBlobRequest(nv_SignatureVerifier_RevokeRootCertificate_mid,
+                                                 Sha256(fx.pki.Der("root-ca")))),
+                      c.code);
+            EXPECT_EQ(client.Code(CheckBufferRequest(fx.data, fx.goodSignature)), c.afterRevoke);
+        }
+        EXPECT_EQ(entity.Stop(), 0);
+        const std::string log = entity.Log();
+        std::size_t refusals = 0;
+        for (auto at = log.find("refused with code 13"); at != std::string::npos;
+             at = log.find("refused with code 13", at + 1))
+            ++refusals;
+        EXPECT_EQ(refusals, c.code == kOk ? 0u : 3u) << log;
+        if (c.code != kOk) {
+            EXPECT_NE(log.find("] SetCRLBlob (mid 4): refused with code 13: trust store changes are not allowed (the "
+                               "entity was started without --allow-trust-changes)\n"),
+                      std::string::npos)
+                << log;
+        }
     }
 }
 

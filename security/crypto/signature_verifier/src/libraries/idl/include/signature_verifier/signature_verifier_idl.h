@@ -73,8 +73,10 @@ extern "C" {
 /* SetCRLBlob with a CRL that cannot be applied to every certificate of its issuer
  * (an issuing distribution point with only some reasons, or an indirect CRL). */
 #define NV_SIGNATURE_VERIFIER_CC_UNUSABLE_CRL 12u
+/* A trust store change (methods 2 to 4) to an entity that does not allow them. */
+#define NV_SIGNATURE_VERIFIER_CC_TRUST_CHANGES_REFUSED 13u
 /* The highest completion code the entity sends. */
-#define NV_SIGNATURE_VERIFIER_CC_LAST NV_SIGNATURE_VERIFIER_CC_UNUSABLE_CRL
+#define NV_SIGNATURE_VERIFIER_CC_LAST NV_SIGNATURE_VERIFIER_CC_TRUST_CHANGES_REFUSED
 
 typedef struct nv_SignatureVerifier_CheckBuffer_req {
     nk_message base;
