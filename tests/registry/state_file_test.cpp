@@ -3,11 +3,9 @@
 
 #include <dlfcn.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -15,6 +13,8 @@
 
 #include "host_registry.h"
 #include "session_text.h"
+#include "support/process.h"
+#include "support/runtime_dir.h"
 
 namespace {
 
@@ -57,33 +57,21 @@ using update::registry::ipc::UpdateState;
 constexpr const char* kId1 = "6f3f1f4a-75a6-46bb-9a1f-b43b0e3cba13";
 constexpr const char* kId2 = "0e9b5c2d-1111-4222-8333-944455556666";
 
-class StateFileTest : public ::testing::Test {
+// A scratch directory (the runtime directory, unused as such) with the
+// storage and the state file in it.
+class StateFileTest : public test_support::RuntimeDirTest {
 protected:
-    void SetUp() override
-    {
-        dir = fs::temp_directory_path() / ("registry-state-" + std::to_string(::getpid()));
-        fs::remove_all(dir);
-        fs::create_directories(dir);
-        storage = dir / "storage";
-        state = dir / "registry.json";
-        good = {{"version", 1},
-                {"next_handle", 3},
-                {"sessions",
-                 {{{"handle", 1}, {"type", 1}, {"state", 4}, {"id", kId1}, {"path", (storage / kId1).string()}},
-                  {{"handle", 2}, {"type", 0}, {"state", 0}, {"id", kId2}, {"path", (storage / kId2).string()}}}}};
-    }
-    void TearDown() override { fs::remove_all(dir); }
-
     void Write(const std::string& text) const { std::ofstream(state, std::ios::binary) << text; }
-    std::string Read() const
-    {
-        std::ostringstream text;
-        text << std::ifstream(state, std::ios::binary).rdbuf();
-        return text.str();
-    }
 
-    fs::path dir, storage, state;
-    nlohmann::ordered_json good;
+    const fs::path& dir = runtime.Path();
+    const fs::path storage = dir / "storage";
+    const fs::path state = dir / "registry.json";
+    const nlohmann::ordered_json good = {
+        {"version", 1},
+        {"next_handle", 3},
+        {"sessions",
+         {{{"handle", 1}, {"type", 1}, {"state", 4}, {"id", kId1}, {"path", (storage / kId1).string()}},
+          {{"handle", 2}, {"type", 0}, {"state", 0}, {"id", kId2}, {"path", (storage / kId2).string()}}}}};
 };
 
 TEST_F(StateFileTest, Constructor_GoodFile_LoadedAndStaleTemporaryFilesRemoved)
@@ -98,10 +86,7 @@ TEST_F(StateFileTest, Constructor_GoodFile_LoadedAndStaleTemporaryFilesRemoved)
     EXPECT_TRUE(fs::exists(dir / ".other.json.tmp.1"));
     SessionInfo info;
     ASSERT_EQ(registry.GetInfo(1, info), 0);
-    EXPECT_EQ(info.type, PackageType::AppList);
-    EXPECT_EQ(info.state, UpdateState::Verified);
-    EXPECT_EQ(GuidToText(info.id), kId1);
-    EXPECT_EQ(info.path, storage / kId1);
+    EXPECT_EQ(info, (SessionInfo{PackageType::AppList, UpdateState::Verified, *GuidFromText(kId1), storage / kId1}));
     unsigned int handle = 0;
     ASSERT_EQ(registry.Open(PackageType::Product, handle), 0);
     EXPECT_EQ(handle, 3u) << "next_handle is kept";
@@ -128,7 +113,6 @@ TEST_F(StateFileTest, Constructor_BadFile_StopsNamingTheField)
         {"/sessions/0/extra", 1, "session 0: unknown field \"extra\""},
         {"/sessions/1/handle", 1, "session 1: \"handle\" 1 is repeated"},
         {"/sessions/0/type", 2, "session 0: \"type\" is 2, expected 0 to 1"},
-        {"/sessions/0/type", "1", "session 0: \"type\" is not an integer"},
         {"/sessions/0/state", 1.5, "session 0: \"state\" is not an integer"},
         {"/sessions/0/state", 11, "session 0: \"state\" is 11, expected 0 to 10"},
         {"/sessions/0/id", "6f3f1f4a", "session 0: \"id\" '6f3f1f4a' is not a session id"},
@@ -157,7 +141,7 @@ TEST_F(StateFileTest, Constructor_BadFile_StopsNamingTheField)
         } catch (const std::runtime_error& error) {
             EXPECT_EQ(std::string(error.what()), "state file " + state.string() + ": " + c.error);
         }
-        EXPECT_EQ(Read(), bad.dump()) << "the file is left as it was";
+        EXPECT_EQ(test_support::ReadFile(state), bad.dump()) << "the file is left as it was";
     }
 }
 

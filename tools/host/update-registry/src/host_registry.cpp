@@ -161,8 +161,9 @@ std::string OutsideStorage(const std::filesystem::path& path, const std::filesys
     for (const auto& part : path)
         if (part == "..")
             return quoted + " has a \"..\" component";
+    // Empty for a relative path.
     const std::filesystem::path inner = path.lexically_normal().lexically_relative(storage);
-    if (!path.is_absolute() || inner.empty() || inner == "." || *inner.begin() == "..")
+    if (inner.empty() || inner == "." || *inner.begin() == "..")
         return quoted + " is not inside the storage " + storage.string();
     return "";
 }
