@@ -60,9 +60,13 @@ TEST(SignatureCheckerTest, Checks_Outcomes)
     const Step check = buffer(data, good);
     const char *const roots = "pki/roots", *const none = nullptr;
     enum : std::uint32_t {
-        kOk, kInvalid, kUntrusted, kRevoked, kMalformed, kAlgorithm, kHashSize, kRequest, kRoot, kCrl
+        kOk, kInvalid, kUntrusted, kRevoked, kMalformed, kAlgorithm, kHashSize, kRequest, kRoot, kCrl,
+        kInternal, kNotForCodeSigning, kUnusableCrl
     };
-    static_assert(kCrl == NV_SIGNATURE_VERIFIER_CC_MALFORMED_CRL && kRevoked == NV_SIGNATURE_VERIFIER_CC_REVOKED);
+    static_assert(kCrl == NV_SIGNATURE_VERIFIER_CC_MALFORMED_CRL && kRevoked == NV_SIGNATURE_VERIFIER_CC_REVOKED &&
+                  kUnusableCrl == NV_SIGNATURE_VERIFIER_CC_UNUSABLE_CRL);
+    const auto signedBy = [&](const char* signer) { return buffer(data, Read(signer + std::string(".sig"))); };
+    const std::string pki = "/O=Verifier Test PKI/CN=";
     const struct {
         const char* name;
         const char* roots;
@@ -109,6 +113,34 @@ TEST(SignatureCheckerTest, Checks_Outcomes)
         {"CRL: junk", roots, {setCrl(junk)}, kCrl, "not one DER CRL"},
         {"identifier of 33 bytes", roots, {revoke(ByteVector(33))}, kRequest, "an identifier has 32 bytes, not 33"},
         {"a refused identifier revokes nothing", roots, {revoke(ByteVector(31)), check}, kOk, ""},
+        // The signer's certificate: its purpose, key usage, validity and issuer.
+        {"codeSigning signer", roots, {signedBy("code-signer")}, kOk, ""},
+        {"serverAuth-only signer", roots, {signedBy("tls-signer")}, kNotForCodeSigning,
+         "the signer's certificate is not for code signing: its extended key usage does not list it"},
+        {"no digitalSignature", roots, {signedBy("no-ds-signer")}, kUntrusted,
+         "the signer's certificate is not for signatures"},
+        {"expired signer", roots, {signedBy("expired-signer")}, kUntrusted,
+         "certificate has expired at " + pki + "Test Expired Signer"},
+        {"signer not yet valid", roots, {signedBy("future-signer")}, kUntrusted,
+         "certificate is not yet valid at " + pki + "Test Future Signer"},
+        {"issued by a non-CA", roots, {signedBy("non-ca-signer")}, kUntrusted,
+         "invalid CA certificate at " + pki + "Test Package Signer"},
+        // CRLs that do not cover the signer's issuer, or cannot be applied.
+        {"the root's CRL", roots, {setCrl(Read("pki/root-crl.der")), check}, kOk, ""},
+        {"expired CRL", roots, {setCrl(Read("pki/expired-crl.der")), check}, kUntrusted,
+         "CRL has expired at " + pki + "Test Package Signer"},
+        {"CRL signed by another key", roots, {setCrl(Read("pki/stranger-crl.der")), check}, kUntrusted,
+         "unable to get certificate CRL at " + pki + "Test Package Signer"},
+        {"CRL for some reasons", roots, {setCrl(Read("pki/reasons-crl.der"))}, kUnusableCrl,
+         "the CRL cannot be applied: its issuing distribution point covers only some reasons"},
+        {"indirect CRL", roots, {setCrl(Read("pki/indirect-crl.der"))}, kUnusableCrl,
+         "the CRL cannot be applied: it is an indirect CRL"},
+        {"CRL kept after an unusable one", roots,
+         {setCrl(crl), setCrl(Read("pki/indirect-crl.der")), buffer(data, revoked)}, kRevoked, ""},
+        // A root is trusted only in DER, so that its identifier is the hash
+        // of the bytes a client sent.
+        {"root in BER", none, {add(Read("pki/root-ca-ber.der"))}, kRoot, "a certificate in BER, not DER"},
+        {"root with a BER inner part", none, {add(Read("pki/root-ca-ber-tbs.der")), check}, kUntrusted, ""},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -206,7 +238,7 @@ TEST(RequestHandlerTest, Handle_Refusals)
 TEST(SignatureVerifierProgramTest, ChecksOverTheWire)
 {
     const test_support::RuntimeDir runtime;
-    test_support::Process program({SIGNATURE_VERIFIER, "--roots", kFixtures + "/pki/roots"});
+    test_support::Process program({SIGNATURE_VERIFIER, "--roots", kFixtures + "/pki/roots", "--allow-trust-changes"});
     ASSERT_TRUE(program.WaitServing(SIGNATURE_VERIFIER_SERVICE_NAME)) << program.Log();
     const ByteVector data = Read("data"), good = Read("good.sig"), hash = Read("data.hash"), root = Read("root-ca.id");
     void* ctx = nullptr;
@@ -221,6 +253,33 @@ TEST(SignatureVerifierProgramTest, ChecksOverTheWire)
     EXPECT_EQ(checkBuffer(data), -((3 << 15) | 0x4000));
     signature_verifier_destroy(ctx);
     EXPECT_EQ(program.Stop(), 0) << program.Log();
+}
+
+// Without --allow-trust-changes each change to the trust store is refused
+// with code 13 and a line of its own, and the store stays as it was.
+TEST(SignatureVerifierProgramTest, TrustChangesRefusedUnlessAllowed)
+{
+    const test_support::RuntimeDir runtime;
+    test_support::Process program({SIGNATURE_VERIFIER, "--roots", kFixtures + "/pki/roots"});
+    ASSERT_TRUE(program.WaitServing(SIGNATURE_VERIFIER_SERVICE_NAME)) << program.Log();
+    const ByteVector data = Read("data"), good = Read("good.sig"), root = Read("pki/root-ca.der"),
+                     id = Read("root-ca.id"), crl = Read("pki/crl.der");
+    void* ctx = nullptr;
+    ASSERT_EQ(signature_verifier_init(SIGNATURE_VERIFIER_SERVICE_NAME, &ctx), 0);
+    constexpr int kRefused = -((13 << 15) | 0x4000);
+    EXPECT_EQ(signature_verifier_add_root_certificate(ctx, root.data(), root.size()), kRefused);
+    EXPECT_EQ(signature_verifier_set_crl_blob(ctx, crl.data(), crl.size()), kRefused);
+    EXPECT_EQ(signature_verifier_revoke_root_certificate(ctx, id.data(), id.size()), kRefused);
+    EXPECT_EQ(signature_verifier_check_buffer(ctx, data.data(), data.size(), good.data(), good.size()), 0);
+    signature_verifier_destroy(ctx);
+    EXPECT_EQ(program.Stop(), 0);
+    const std::string log = program.Log();
+    for (const char* method : {"AddRootCertificate (mid 2)", "SetCRLBlob (mid 4)", "RevokeRootCertificate (mid 3)"})
+        EXPECT_NE(log.find(std::string("] ") + method +
+                           ": refused with code 13: trust store changes are not allowed (the entity was started "
+                           "without --allow-trust-changes)\n"),
+                  std::string::npos)
+            << method << "\n" << log;
 }
 
 }  // namespace

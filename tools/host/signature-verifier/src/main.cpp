@@ -40,7 +40,8 @@ constexpr int kExitUsage = 2;
 constexpr int kExitEngine = 3;
 constexpr int kExitRoots = 4;
 
-constexpr const char* kUsage = R"(Usage: signature-verifier [--roots DIR]... [--engine PATH] [--log-level LEVEL]
+constexpr const char* kUsage = R"(Usage: signature-verifier [--roots DIR]... [--allow-trust-changes] [--engine PATH]
+                          [--log-level LEVEL]
 
 Serves the signature-verifier interface on the channel "nv.SignatureVerifierEntity",
 endpoint "storage.storage", over the host platform (runtime directory:
@@ -50,6 +51,10 @@ attributes; they are checked with OpenSSL and its GOST engine.
 
   --roots DIR        trust every certificate (PEM or DER) in the files of DIR;
                      may be given more than once
+  --allow-trust-changes
+                     let clients change the trust store (AddRootCertificate,
+                     RevokeRootCertificate, SetCRLBlob); without it these
+                     are refused with completion code 13
   --engine PATH      load the GOST engine from this shared object instead of
                      OpenSSL's engine directory
   --log-level LEVEL  trace, debug, info (default), warn, error, critical or off
@@ -64,6 +69,7 @@ struct Options {
     std::vector<std::filesystem::path> roots;
     std::optional<std::filesystem::path> engine;
     spdlog::level::level_enum level = spdlog::level::info;
+    TrustChanges trustChanges = TrustChanges::Refused;
     bool help = false;
 };
 
@@ -82,6 +88,8 @@ Options ParseOptions(int argc, char** argv)
             options.help = true;
         } else if (arg == "--roots") {
             options.roots.emplace_back(value());
+        } else if (arg == "--allow-trust-changes") {
+            options.trustChanges = TrustChanges::Allowed;
         } else if (arg == "--engine") {
             options.engine = value();
         } else if (arg == "--log-level") {
@@ -209,8 +217,10 @@ int Run(const Options& options, const std::shared_ptr<spdlog::logger>& log)
         log->critical("{}", error.what());
         return kExitRoots;
     }
+    const bool changeable = options.trustChanges == TrustChanges::Allowed;
     if (roots == 0)
-        log->warn("no trusted roots: every check fails until AddRootCertificate");
+        log->warn(changeable ? "no trusted roots: every check fails until AddRootCertificate"
+                             : "no trusted roots, and trust changes are not allowed: every check fails");
 
     const RequestArena arena;
     uint32_t riid = 0;
@@ -228,9 +238,10 @@ int Run(const Options& options, const std::shared_ptr<spdlog::logger>& log)
     }
     stop.Watch(channel, log);
 
-    RequestHandler handler(checker, riid, log);
-    log->info("serving \"{}\" endpoint \"{}\" (riid {}) with {} trusted root(s)", NV_SIGNATURE_VERIFIER_CONNECTION,
-              NV_SIGNATURE_VERIFIER_ENDPOINT, riid, roots);
+    RequestHandler handler(checker, riid, log, options.trustChanges);
+    log->info("serving \"{}\" endpoint \"{}\" (riid {}) with {} trusted root(s); trust changes {}",
+              NV_SIGNATURE_VERIFIER_CONNECTION, NV_SIGNATURE_VERIFIER_ENDPOINT, riid, roots,
+              changeable ? "allowed" : "refused");
     const int status = Serve(handler, arena, transport, stop, *log);
     stop.Finish();
     if (!stop.Stopping())

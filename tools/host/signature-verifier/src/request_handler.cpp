@@ -70,8 +70,9 @@ bool AllZero(const std::uint8_t* bytes, std::size_t size)
 
 }  // namespace
 
-RequestHandler::RequestHandler(SignatureChecker& checker, std::uint32_t riid, std::shared_ptr<spdlog::logger> logger)
-    : m_checker(checker), m_riid(riid), m_logger(std::move(logger))
+RequestHandler::RequestHandler(SignatureChecker& checker, std::uint32_t riid, std::shared_ptr<spdlog::logger> logger,
+                               TrustChanges trustChanges)
+    : m_checker(checker), m_riid(riid), m_logger(std::move(logger)), m_trustChanges(trustChanges)
 {
 }
 
@@ -119,6 +120,9 @@ Outcome RequestHandler::Dispatch(const nv_SignatureVerifier_req& request, const 
     if (size != kRequestSizes[header.mid])
         return Malformed("a request of " + std::to_string(size) + " bytes, expected " +
                          std::to_string(kRequestSizes[header.mid]));
+    if (header.mid >= nv_SignatureVerifier_AddRootCertificate_mid && m_trustChanges != TrustChanges::Allowed)
+        return Outcome{NV_SIGNATURE_VERIFIER_CC_TRUST_CHANGES_REFUSED,
+                       "trust store changes are not allowed (the entity was started without --allow-trust-changes)"};
 
     const ArenaReader arena(received);
     Outcome outcome;

@@ -16,11 +16,17 @@ class logger;
 
 namespace signature_verifier::host {
 
+// Whether clients may change the trust store (AddRootCertificate,
+// RevokeRootCertificate, SetCRLBlob).
+enum class TrustChanges { Refused, Allowed };
+
 class RequestHandler {
 public:
     // `riid` is the interface index that requests must carry (the endpoint's
     // riid on the channel). Logs one line per request through `logger`.
-    RequestHandler(SignatureChecker& checker, std::uint32_t riid, std::shared_ptr<spdlog::logger> logger);
+    // Refused trust changes are answered NV_SIGNATURE_VERIFIER_CC_TRUST_CHANGES_REFUSED.
+    RequestHandler(SignatureChecker& checker, std::uint32_t riid, std::shared_ptr<spdlog::logger> logger,
+                   TrustChanges trustChanges = TrustChanges::Refused);
 
     // Answers one request. `request` is the message as received; `arena` the
     // request arena as the transport left it, the bytes received being
@@ -37,6 +43,7 @@ private:
     SignatureChecker& m_checker;
     std::uint32_t m_riid;
     std::shared_ptr<spdlog::logger> m_logger;
+    TrustChanges m_trustChanges;
 };
 
 }  // namespace signature_verifier::host

@@ -59,13 +59,26 @@ std::string SubjectOf(const X509* certificate)
     return name;
 }
 
-// Chain checks with a CRL: an issuer for which no CRL is given is not an
-// error; only the certificates of the CRL's own issuer are checked against it.
-int IgnoreMissingCrl(int ok, X509_STORE_CTX* context)
+// The slot of a chain check's context that holds the CRL in use.
+int CrlSlot()
 {
-    if (ok == 0 && X509_STORE_CTX_get_error(context) == X509_V_ERR_UNABLE_TO_GET_CRL)
-        return 1;
-    return ok;
+    static const int slot = X509_STORE_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+    return slot;
+}
+
+// Chain checks with a CRL: a certificate of another issuer than the CRL's has
+// no CRL, and that is not an error. For a certificate of the CRL's issuer,
+// "unable to get CRL" means that the CRL could not be applied to it (out of
+// its scope, or not provably its issuer's), which fails the chain.
+int AcceptMissingCrlOfOtherIssuers(int ok, X509_STORE_CTX* context)
+{
+    if (ok != 0 || X509_STORE_CTX_get_error(context) != X509_V_ERR_UNABLE_TO_GET_CRL)
+        return ok;
+    const auto* crl = static_cast<const X509_CRL*>(X509_STORE_CTX_get_ex_data(context, CrlSlot()));
+    const X509* certificate = X509_STORE_CTX_get_current_cert(context);
+    if (crl == nullptr || certificate == nullptr)
+        return ok;
+    return X509_NAME_cmp(X509_get_issuer_name(certificate), X509_CRL_get_issuer(crl)) != 0 ? 1 : 0;
 }
 
 bool IsSigningKey(X509* certificate)
@@ -73,6 +86,47 @@ bool IsSigningKey(X509* certificate)
     if ((X509_get_extension_flags(certificate) & EXFLAG_KUSAGE) == 0)
         return true;
     return (X509_get_key_usage(certificate) & (KU_DIGITAL_SIGNATURE | KU_NON_REPUDIATION)) != 0;
+}
+
+// A certificate without extended key usage may sign anything; one that names
+// its purposes must name code signing (anyExtendedKeyUsage alone is not).
+bool IsForCodeSigning(X509* certificate)
+{
+    if ((X509_get_extension_flags(certificate) & EXFLAG_XKUSAGE) == 0)
+        return true;
+    return (X509_get_extended_key_usage(certificate) & XKU_CODE_SIGN) != 0;
+}
+
+// Why a CRL cannot be applied to every certificate of its issuer, or "".
+// The chain check passes over a CRL of either kind for every certificate.
+std::string UnusableScope(const X509_CRL& crl)
+{
+    const OpenSslPtr<ISSUING_DIST_POINT, ISSUING_DIST_POINT_free> point(static_cast<ISSUING_DIST_POINT*>(
+        X509_CRL_get_ext_d2i(&crl, NID_issuing_distribution_point, nullptr, nullptr)));
+    ERR_clear_error();
+    if (!point)
+        return "";
+    if (point->onlysomereasons != nullptr)
+        return "its issuing distribution point covers only some reasons";
+    if (point->indirectCRL != 0)
+        return "it is an indirect CRL";
+    return "";
+}
+
+// Whether `der` is exactly the DER encoding of `certificate`, which was
+// decoded from it. The to-be-signed part is encoded again rather than taken
+// from what the decoder kept of the input.
+bool IsExactDer(X509& certificate, Bytes der)
+{
+    if (i2d_re_X509_tbs(&certificate, nullptr) <= 0)
+        return false;
+    unsigned char* encoded = nullptr;
+    const int length = i2d_X509(&certificate, &encoded);
+    const bool same = length > 0 && static_cast<std::size_t>(length) == der.size() &&
+                      std::equal(der.begin(), der.end(), encoded);
+    OPENSSL_free(encoded);
+    ERR_clear_error();
+    return same;
 }
 
 std::vector<std::uint8_t> ReadFile(const std::filesystem::path& file)
@@ -244,13 +298,18 @@ Outcome SignatureChecker::VerifyChain(X509* signer, STACK_OF(X509) * intermediat
 {
     if (!IsSigningKey(signer))
         return Fail(NV_SIGNATURE_VERIFIER_CC_UNTRUSTED_SIGNER, "the signer's certificate is not for signatures");
+    if (!IsForCodeSigning(signer))
+        return Fail(NV_SIGNATURE_VERIFIER_CC_NOT_FOR_CODE_SIGNING,
+                    "the signer's certificate is not for code signing: its extended key usage does not list it");
     X509StoreCtxPtr context(X509_STORE_CTX_new());
     if (!context || X509_STORE_CTX_init(context.get(), m_roots.get(), signer, intermediates) != 1)
         return Internal("cannot set up the chain check");
     if (sk_X509_CRL_num(m_crls.get()) > 0) {
         X509_STORE_CTX_set0_crls(context.get(), m_crls.get());
+        if (X509_STORE_CTX_set_ex_data(context.get(), CrlSlot(), sk_X509_CRL_value(m_crls.get(), 0)) != 1)
+            return Internal("cannot set up the chain check");
         X509_STORE_CTX_set_flags(context.get(), X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
-        X509_STORE_CTX_set_verify_cb(context.get(), IgnoreMissingCrl);
+        X509_STORE_CTX_set_verify_cb(context.get(), AcceptMissingCrlOfOtherIssuers);
     }
     if (X509_verify_cert(context.get()) != 1) {
         const int error = X509_STORE_CTX_get_error(context.get());
@@ -276,6 +335,10 @@ Outcome SignatureChecker::AddRootCertificate(Bytes der)
     X509Ptr certificate = DecodeCertificate(der);
     if (!certificate)
         return Fail(NV_SIGNATURE_VERIFIER_CC_MALFORMED_CERTIFICATE, "not one DER certificate");
+    // A root is named by the SHA-256 of its DER (RevokeRootCertificate); one
+    // sent in another encoding could not be revoked by the bytes sent.
+    if (!IsExactDer(*certificate, der))
+        return Fail(NV_SIGNATURE_VERIFIER_CC_MALFORMED_CERTIFICATE, "a certificate in BER, not DER");
     if (X509_STORE_add_cert(m_roots.get(), certificate.get()) != 1)
         return Internal("cannot add the root " + SubjectOf(certificate.get()));
     // Comparing it with a stored root of the same name reads its extensions,
@@ -306,6 +369,8 @@ Outcome SignatureChecker::SetCrl(Bytes der)
     X509CrlPtr crl = DecodeCrl(der);
     if (!crl)
         return Fail(NV_SIGNATURE_VERIFIER_CC_MALFORMED_CRL, "not one DER CRL");
+    if (const std::string why = UnusableScope(*crl); !why.empty())
+        return Fail(NV_SIGNATURE_VERIFIER_CC_UNUSABLE_CRL, "the CRL cannot be applied: " + why);
     CrlStackPtr replacement(sk_X509_CRL_new_null());
     if (!replacement || sk_X509_CRL_push(replacement.get(), crl.get()) == 0)
         return Internal("cannot keep the CRL");

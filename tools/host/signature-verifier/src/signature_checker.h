@@ -48,14 +48,16 @@ public:
 
     // The signature must cover `data`: its messageDigest attribute equals the
     // Streebog-256 of the data, its signature over the signed attributes
-    // verifies, and the signer's chain is trusted.
+    // verifies, the signer's certificate is for signatures and, when it has
+    // an extended key usage, for code signing, and its chain is trusted.
     Outcome CheckBuffer(Bytes data, Bytes signature) const;
 
     // As CheckBuffer, for data known only by its digest: `algorithm` must be
     // NV_SIGNATURE_VERIFIER_HASH_STREEBOG256 and `hash` 32 bytes.
     Outcome CheckHash(std::uint8_t algorithm, Bytes hash, Bytes signature) const;
 
-    // Trusts one DER certificate as a root. Adding a root twice is no error.
+    // Trusts one certificate, in DER exactly (BER is refused), as a root.
+    // Adding a root twice is no error.
     Outcome AddRootCertificate(Bytes der);
 
     // Marks the identifier (SHA-256 of a certificate's DER) as revoked: a
@@ -65,7 +67,9 @@ public:
 
     // Replaces the CRL consulted by the chain checks with one DER CRL; an
     // empty blob removes it. A CRL applies to the certificates of its issuer
-    // and is itself checked against that issuer when used.
+    // and is itself checked against that issuer when used: a certificate of
+    // that issuer to which it cannot be applied fails its chain. A CRL that
+    // limits itself to some reasons or is indirect is refused.
     Outcome SetCrl(Bytes der);
 
     // Trusts every certificate found in the regular files of `directory`

@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
+#include <initializer_list>
 #include <iterator>
 #include <set>
 #include <stdexcept>
@@ -36,14 +38,34 @@ constexpr int kStateVersion = 1;
 
 int SystemCode(int error) { return eka::posix::ResultCodeFromSystemError(static_cast<unsigned int>(error)); }
 
-// Writes all of `bytes` to a new file beside `target` and renames it over
-// `target`, so that a reader (or a restart after a kill) sees either the
-// old state or the new one, never a part. Returns 0 or an errno value.
+// The names of the temporary files of `target` start with this.
+std::string TemporaryPrefix(const std::filesystem::path& target)
+{
+    return "." + target.filename().string() + ".tmp.";
+}
+
+// Makes the entries of `directory` durable (a rename in it, say). Returns 0
+// or an errno value.
+int SyncDirectory(const std::filesystem::path& directory)
+{
+    const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return errno;
+    int error = ::fsync(fd) == 0 ? 0 : errno;
+    if (::close(fd) != 0 && error == 0)
+        error = errno;
+    return error;
+}
+
+// Writes all of `bytes` to a new file beside `target`, renames it over
+// `target` and syncs their directory, so that a reader (or a restart after
+// a kill or a power cut) sees either the old state or the new one, never a
+// part, and the new one once this returns 0. Returns 0 or an errno value;
+// after a failure of the last step the file may hold the new state.
 int WriteAtomically(const std::filesystem::path& target, std::string_view bytes)
 {
-    const std::filesystem::path temp =
-        target.parent_path() / ("." + target.filename().string() + ".tmp." + std::to_string(getpid()));
-    const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const std::filesystem::path temp = target.parent_path() / (TemporaryPrefix(target) + std::to_string(getpid()));
+    const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (fd < 0)
         return errno;
     int error = 0;
@@ -62,9 +84,11 @@ int WriteAtomically(const std::filesystem::path& target, std::string_view bytes)
         error = errno;
     if (error == 0 && ::rename(temp.c_str(), target.c_str()) != 0)
         error = errno;
-    if (error != 0)
+    if (error != 0) {
         ::unlink(temp.c_str());
-    return error;
+        return error;
+    }
+    return SyncDirectory(target.parent_path());
 }
 
 [[noreturn]] void Invalid(const std::filesystem::path& file, const std::string& why)
@@ -72,16 +96,76 @@ int WriteAtomically(const std::filesystem::path& target, std::string_view bytes)
     throw std::runtime_error("state file " + file.string() + ": " + why);
 }
 
-template <typename T>
-T Field(const json& object, const char* name, const std::filesystem::path& file, const std::string& where)
-{
-    if (!object.is_object() || !object.contains(name))
-        Invalid(file, where + " has no \"" + name + "\"");
-    try {
-        return object.at(name).get<T>();
-    } catch (const json::exception&) {
-        Invalid(file, where + ": \"" + name + "\" has the wrong type");
+// One object of the state file ("the state" or "session N"), read strictly:
+// a fault throws, naming the file, the object and the field.
+class StrictObject {
+public:
+    StrictObject(const json& value, const std::filesystem::path& file, std::string where)
+        : m_value(value), m_file(file), m_where(std::move(where))
+    {
+        if (!m_value.is_object())
+            Invalid(m_file, m_where + " is not an object");
     }
+
+    // Fails unless the fields are exactly `names`: first on an unknown
+    // field, then on a missing one.
+    void ExactFields(std::initializer_list<const char*> names) const
+    {
+        for (const auto& [key, value] : m_value.items())
+            if (std::find(names.begin(), names.end(), key) == names.end())
+                Fail("unknown field \"" + key + "\"");
+        for (const char* name : names)
+            if (!m_value.contains(name))
+                Invalid(m_file, m_where + " has no " + Quoted(name));
+    }
+
+    const json& At(const char* name) const { return m_value.at(name); }
+
+    // An integer written as one (not 1.0, not true) within [low, high].
+    std::uint32_t Integer(const char* name, std::uint32_t low, std::uint32_t high) const
+    {
+        const json& field = At(name);
+        if (!field.is_number_integer())
+            Fail(Quoted(name) + " is not an integer");
+        const bool inRange = field.is_number_unsigned()
+                                 ? field.get<std::uint64_t>() >= low && field.get<std::uint64_t>() <= high
+                                 : field.get<std::int64_t>() >= low && field.get<std::int64_t>() <= high;
+        if (!inRange)
+            Fail(Quoted(name) + " is " + field.dump() + ", expected " + std::to_string(low) +
+                 (low == high ? "" : " to " + std::to_string(high)));
+        return field.get<std::uint32_t>();
+    }
+
+    std::string Text(const char* name) const
+    {
+        const json& field = At(name);
+        if (!field.is_string())
+            Fail(Quoted(name) + " is not a string");
+        return field.get<std::string>();
+    }
+
+    [[noreturn]] void Fail(const std::string& why) const { Invalid(m_file, m_where + ": " + why); }
+
+    static std::string Quoted(const char* name) { return std::string("\"") + name + "\""; }
+
+private:
+    const json& m_value;
+    const std::filesystem::path& m_file;
+    std::string m_where;
+};
+
+// Why `path` is no package folder inside `storage` (absolute and normal), or "".
+std::string OutsideStorage(const std::filesystem::path& path, const std::filesystem::path& storage)
+{
+    const std::string quoted = "'" + path.string() + "'";
+    for (const auto& part : path)
+        if (part == "..")
+            return quoted + " has a \"..\" component";
+    // Empty for a relative path.
+    const std::filesystem::path inner = path.lexically_normal().lexically_relative(storage);
+    if (inner.empty() || inner == "." || *inner.begin() == "..")
+        return quoted + " is not inside the storage " + storage.string();
+    return "";
 }
 
 }  // namespace
@@ -95,7 +179,24 @@ HostRegistry::HostRegistry(std::filesystem::path storage, std::optional<std::fil
     if (m_stateFile) {
         m_stateFile = std::filesystem::absolute(*m_stateFile);
         std::filesystem::create_directories(m_stateFile->parent_path());
+        RemoveStaleTemporaryFiles();
         Load();
+    }
+}
+
+void HostRegistry::RemoveStaleTemporaryFiles() const
+{
+    const std::string prefix = TemporaryPrefix(*m_stateFile);
+    for (const auto& entry : std::filesystem::directory_iterator(m_stateFile->parent_path())) {
+        if (!entry.path().filename().string().starts_with(prefix))
+            continue;
+        std::error_code error;
+        std::filesystem::remove(entry.path(), error);
+        if (error)
+            Invalid(*m_stateFile, "cannot remove the stale temporary file " + entry.path().string() + ": " +
+                                      error.message());
+        nos::logger::LogIfEnabled(nos::logger::LogLevel::Info, kFile, __LINE__, "RemoveStaleTemporaryFiles",
+                                  "removed the stale temporary file {}", entry.path().string());
     }
 }
 
@@ -104,46 +205,51 @@ void HostRegistry::Load()
     const std::filesystem::path& file = *m_stateFile;
     std::ifstream in(file, std::ios::binary);
     if (!in) {
-        if (!std::filesystem::exists(file))
+        if (!std::filesystem::exists(file)) {
+            nos::logger::LogIfEnabled(nos::logger::LogLevel::Info, kFile, __LINE__, "Load",
+                                      "no state file {} yet: no sessions", file.string());
             return;
+        }
         Invalid(file, "cannot be read");
     }
-    json state;
+    json parsed;
     try {
-        state = json::parse(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        parsed = json::parse(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     } catch (const json::parse_error& e) {
-        Invalid(file, e.what());
+        Invalid(file, std::string("not JSON: ") + e.what());
     }
-    if (Field<int>(state, "version", file, "the state") != kStateVersion)
-        Invalid(file, "unknown version");
-    const auto next = Field<std::uint32_t>(state, "next_handle", file, "the state");
-    const json sessions = Field<json>(state, "sessions", file, "the state");
+    const StrictObject state(parsed, file, "the state");
+    state.ExactFields({"version", "next_handle", "sessions"});
+    state.Integer("version", kStateVersion, kStateVersion);
+    // After the last handle the next one is one above it, until it comes round.
+    const std::uint32_t next = state.Integer("next_handle", 1, kMaxHandle + 1);
+    const json& sessions = state.At("sessions");
     if (!sessions.is_array())
-        Invalid(file, "\"sessions\" is not a list");
+        state.Fail("\"sessions\" is not a list");
 
     Sessions loaded;
     std::set<std::string> ids;
     for (std::size_t i = 0; i < sessions.size(); ++i) {
-        const json& s = sessions[i];
-        const std::string where = "session " + std::to_string(i);
-        const auto handle = Field<std::uint32_t>(s, "handle", file, where);
-        const auto type = Field<unsigned int>(s, "type", file, where);
-        const auto stage = Field<unsigned int>(s, "state", file, where);
-        const auto idText = Field<std::string>(s, "id", file, where);
-        const auto path = Field<std::string>(s, "path", file, where);
+        const StrictObject session(sessions[i], file, "session " + std::to_string(i));
+        session.ExactFields({"handle", "type", "state", "id", "path"});
+        const std::uint32_t handle = session.Integer("handle", 1, kMaxHandle);
+        if (loaded.contains(handle))
+            session.Fail("\"handle\" " + std::to_string(handle) + " is repeated");
+        const auto type = static_cast<PackageType>(session.Integer("type", 0, kPackageTypeCount - 1));
+        const auto stage = static_cast<UpdateState>(session.Integer("state", 0, kUpdateStateCount - 1));
+        const std::string idText = session.Text("id");
         const std::optional<eka::guid_t> id = GuidFromText(idText);
-        if (handle == 0 || handle > kMaxHandle || loaded.contains(handle))
-            Invalid(file, where + ": bad or repeated handle");
-        if (type >= kPackageTypeCount || stage >= kUpdateStateCount)
-            Invalid(file, where + ": type or state out of range");
-        if (!id || !ids.insert(GuidToText(*id)).second)
-            Invalid(file, where + ": bad or repeated id");
-        if (path.empty())
-            Invalid(file, where + ": empty path");
-        loaded[handle] = SessionInfo{static_cast<PackageType>(type), static_cast<UpdateState>(stage), *id, path};
+        if (!id)
+            session.Fail("\"id\" '" + idText + "' is not a session id");
+        if (!ids.insert(GuidToText(*id)).second)
+            session.Fail("\"id\" '" + idText + "' is repeated");
+        const std::filesystem::path path = session.Text("path");
+        if (const std::string why = OutsideStorage(path, m_storage); !why.empty())
+            session.Fail("\"path\" " + why);
+        loaded[handle] = SessionInfo{type, stage, *id, path};
     }
     m_sessions = std::move(loaded);
-    m_nextHandle = (next == 0 || next > kMaxHandle) ? 1 : next;
+    m_nextHandle = next;
 }
 
 int HostRegistry::Save(const Sessions& sessions, std::uint32_t nextHandle) const

@@ -21,9 +21,11 @@ public:
     using IdSource = std::function<eka::guid_t()>;
 
     // `storage` is made absolute and created when missing. With a state
-    // file, its sessions are loaded; a file that cannot be read or is not a
-    // valid state throws std::runtime_error and is left as it is. Without
-    // one, sessions last as long as the object. `newId` gives session ids
+    // file, the temporary files that an earlier writer left beside it are
+    // removed and its sessions loaded; a file that cannot be read or is not a
+    // valid state (see docs/update-registry.md) throws std::runtime_error
+    // naming the file and the field, and is left as it is. Without one,
+    // sessions last as long as the object. `newId` gives session ids
     // (update::GenerateUuid when empty).
     HostRegistry(std::filesystem::path storage, std::optional<std::filesystem::path> stateFile, IdSource newId = {});
 
@@ -50,6 +52,7 @@ public:
 private:
     using Sessions = std::map<std::uint32_t, update::registry::ipc::SessionInfo>;
 
+    void RemoveStaleTemporaryFiles() const;
     void Load();
     // 0, or the code of the failed write.
     int Save(const Sessions& sessions, std::uint32_t nextHandle) const;

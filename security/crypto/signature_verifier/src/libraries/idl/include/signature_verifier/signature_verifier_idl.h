@@ -68,6 +68,15 @@ extern "C" {
 #define NV_SIGNATURE_VERIFIER_CC_MALFORMED_CRL 9u
 /* The entity could not finish the check (out of memory, crypto library failure). */
 #define NV_SIGNATURE_VERIFIER_CC_INTERNAL_ERROR 10u
+/* The signer's certificate has an extended key usage that does not list code signing. */
+#define NV_SIGNATURE_VERIFIER_CC_NOT_FOR_CODE_SIGNING 11u
+/* SetCRLBlob with a CRL that cannot be applied to every certificate of its issuer
+ * (an issuing distribution point with only some reasons, or an indirect CRL). */
+#define NV_SIGNATURE_VERIFIER_CC_UNUSABLE_CRL 12u
+/* A trust store change (methods 2 to 4) to an entity that does not allow them. */
+#define NV_SIGNATURE_VERIFIER_CC_TRUST_CHANGES_REFUSED 13u
+/* The highest completion code the entity sends. */
+#define NV_SIGNATURE_VERIFIER_CC_LAST NV_SIGNATURE_VERIFIER_CC_TRUST_CHANGES_REFUSED
 
 typedef struct nv_SignatureVerifier_CheckBuffer_req {
     nk_message base;
