@@ -41,9 +41,8 @@ endforeach()
 # therefore no page; its README describes it.
 find_program(HELP2MAN help2man REQUIRED)
 set(verifier_man_pages)
-# verifier_man_page(PROGRAM NAME [VERSION_STRING]): PROGRAM is a target or one
-# of the scripts; NAME is the page's one-line description. VERSION_STRING
-# stands in for a program that does not answer --version.
+# verifier_man_page(PROGRAM NAME): PROGRAM is a target or one of the scripts;
+# NAME is the page's one-line description.
 function(verifier_man_page program name)
   if(TARGET ${program})
     set(command $<TARGET_FILE:${program}>)
@@ -52,13 +51,9 @@ function(verifier_man_page program name)
     set(command ${PROJECT_BINARY_DIR}/scripts/${program})
     set(depends ${command})
   endif()
-  set(version_option)
-  if(ARGC GREATER 2)
-    set(version_option --version-string=${ARGV2})
-  endif()
   set(page ${PROJECT_BINARY_DIR}/man/man1/${program}.1)
   add_custom_command(OUTPUT ${page}.gz
-    COMMAND ${HELP2MAN} --no-info --section=1 --name=${name} ${version_option} --output=${page} ${command}
+    COMMAND ${HELP2MAN} --no-info --section=1 --name=${name} --output=${page} ${command}
     COMMAND gzip -9nf ${page}
     DEPENDS ${depends}
     COMMENT "Man page of ${program}"
@@ -72,7 +67,7 @@ verifier_man_page(signature-verifier "host signature-verifier entity: checks GOS
 verifier_man_page(update-registry "host update registry entity: keeps the sessions of update packages")
 verifier_man_page(registry-cli "call the update registry")
 verifier_man_page(verifier-cli "send one Verify request to the Verifier entity")
-verifier_man_page(gost-hash "GOST R 34.11-2012 digests of files" ${PROJECT_VERSION})
+verifier_man_page(gost-hash "GOST R 34.11-2012 digests of files")
 verifier_man_page(sign-package "sign the files of an update package folder")
 verifier_man_page(make-test-pki "make a throw-away GOST test PKI")
 add_custom_target(man_pages ALL DEPENDS ${verifier_man_pages})

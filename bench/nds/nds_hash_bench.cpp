@@ -1,6 +1,7 @@
-// GOST R 34.11-2012 (256-bit) throughput: our core against libgcrypt and
-// nettle on the same buffers, in one run. After the usual table, prints the
-// MB/s of each and the ratio of ours to the faster library per buffer size.
+// GOST R 34.11-2012 (256-bit) throughput: our core, on every compression
+// path this CPU runs, against libgcrypt and nettle on the same buffers, in
+// one run. After the usual table, prints the MB/s of each and the ratio of
+// each path to libgcrypt and to nettle per buffer size.
 //   nds_hash_bench [--benchmark_min_time=...]
 #include <benchmark/benchmark.h>
 #include <gcrypt.h>
@@ -16,7 +17,7 @@
 
 #include "nds/gost_core.h"
 #include "nds/nds.h"
-#include "streebog_compress.h"
+#include "gost_paths.h"
 
 namespace {
 
@@ -37,7 +38,12 @@ void Finish(benchmark::State& state, std::size_t size) {
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * static_cast<std::int64_t>(size));
 }
 
-void BM_Nds(benchmark::State& state) {
+// Whole hashes through the Nds API, on the path forced for the run.
+void BM_Nds(benchmark::State& state, const char* path) {
+    if (!nds::gost::UsePath(path)) {
+        state.SkipWithError("path not run on this CPU");
+        return;
+    }
     const auto size = static_cast<std::size_t>(state.range(0));
     const auto& data = Buffer(size);
     std::uint8_t out[32];
@@ -49,20 +55,7 @@ void BM_Nds(benchmark::State& state) {
         NdsDeleteHasher(h);
         benchmark::DoNotOptimize(out);
     }
-    Finish(state, size);
-}
-
-// The portable compression routine, which CPUs without AVX use.
-void BM_NdsPortable(benchmark::State& state) {
-    const auto size = static_cast<std::size_t>(state.range(0));
-    const auto& data = Buffer(size);
-    const auto& impl = nds::gost::PortableImpl();
-    for (auto _ : state) {
-        std::uint64_t h[8], n[8] = {}, sigma[8] = {};
-        std::fill(h, h + 8, 0x0101010101010101ULL);
-        impl.compress_blocks(h, n, sigma, data.data(), size / 64);
-        benchmark::DoNotOptimize(h);
-    }
+    nds::gost::UseDefaultPath();
     Finish(state, size);
 }
 
@@ -93,13 +86,26 @@ void BM_Nettle(benchmark::State& state) {
 
 constexpr std::int64_t kSizes[] = {1024, 64 * 1024, 64 * 1024 * 1024};
 
-void Register() {
-    const std::pair<const char*, void (*)(benchmark::State&)> cases[] = {
-        {"ours", BM_Nds}, {"ours_portable", BM_NdsPortable}, {"libgcrypt", BM_Libgcrypt}, {"nettle", BM_Nettle}};
-    for (const auto size : kSizes) {
-        for (const auto& [name, fn] : cases) {
-            benchmark::RegisterBenchmark(name, fn)->Arg(size)->Unit(benchmark::kMicrosecond);
+std::vector<std::string> RunPaths() {
+    std::vector<std::string> names;
+    for (std::size_t i = 0; i < nds::gost::Paths().count; ++i) {
+        const auto& p = nds::gost::Paths().items[i];
+        if (p.missing == nullptr) {
+            names.emplace_back(p.name);
+        } else {
+            std::printf("path %s not run: %s\n", p.name, p.missing);
         }
+    }
+    return names;
+}
+
+void Register(const std::vector<std::string>& paths) {
+    for (const auto size : kSizes) {
+        for (const auto& path : paths) {
+            benchmark::RegisterBenchmark(path.c_str(), BM_Nds, path.c_str())->Arg(size)->Unit(benchmark::kMicrosecond);
+        }
+        benchmark::RegisterBenchmark("libgcrypt", BM_Libgcrypt)->Arg(size)->Unit(benchmark::kMicrosecond);
+        benchmark::RegisterBenchmark("nettle", BM_Nettle)->Arg(size)->Unit(benchmark::kMicrosecond);
     }
 }
 
@@ -123,17 +129,34 @@ public:
     }
     void Finalize() override {
         ConsoleReporter::Finalize();
-        std::printf("\n%-10s %10s %10s %10s %10s %14s\n", "size", "ours", "portable", "libgcrypt", "nettle",
-                    "ours/faster");
-        for (auto& [size, m] : mbps_) {
-            const double faster = std::max(m["libgcrypt"], m["nettle"]);
-            std::printf("%-10lld %10.1f %10.1f %10.1f %10.1f %13.2fx\n", static_cast<long long>(size), m["ours"],
-                        m["ours_portable"], m["libgcrypt"], m["nettle"], faster > 0 ? m["ours"] / faster : 0.0);
+        std::printf("\nMB/s = 10^6 bytes per CPU second; ratios are each path over libgcrypt / nettle\n");
+        std::printf("%-10s", "size");
+        for (const auto& path : paths_) {
+            std::printf(" %10s", path.c_str());
         }
-        std::printf("(MB/s = 10^6 bytes per CPU second; core: %s)\n", GostHash_Implementation());
+        std::printf(" %10s %10s", "libgcrypt", "nettle");
+        for (const auto& path : paths_) {
+            std::printf(" %15s", (path + " ratio").c_str());
+        }
+        std::printf("\n");
+        for (auto& [size, m] : mbps_) {
+            std::printf("%-10lld", size);
+            for (const auto& path : paths_) {
+                std::printf(" %10.1f", m[path]);
+            }
+            std::printf(" %10.1f %10.1f", m["libgcrypt"], m["nettle"]);
+            for (const auto& path : paths_) {
+                std::printf("   %5.2fx/%5.2fx", m[path] / m["libgcrypt"], m[path] / m["nettle"]);
+            }
+            std::printf("\n");
+        }
+        std::printf("(chosen at start-up: %s)\n", GostHash_Implementation());
     }
 
+    explicit RatioReporter(std::vector<std::string> paths) : paths_(std::move(paths)) {}
+
 private:
+    std::vector<std::string> paths_;
     std::map<long long, std::map<std::string, double>> mbps_;
 };
 
@@ -145,8 +168,9 @@ int main(int argc, char** argv) {
         return 1;
     }
     benchmark::Initialize(&argc, argv);
-    Register();
-    RatioReporter reporter;
+    const std::vector<std::string> paths = RunPaths();
+    Register(paths);
+    RatioReporter reporter(paths);
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     NdsDeInitializeLibrary();

@@ -124,19 +124,22 @@ TEST_F(FileFaultTest, Archive_ChangedWhileHashed)
     ExpectServing();
 }
 
-// Proof that a short read hashes zeros: an archive signed over its first
-// 64 MiB followed by zeros, whose file then holds other bytes there, passes
-// when it is cut to 64 MiB while the first piece is hashed.
+// Proof that a short read hashes zeros in place of the missing bytes, and
+// only there: an archive signed over its first 64.5 MiB followed by zeros,
+// whose file then holds other bytes after 64.5 MiB, passes when it is cut
+// there while the first piece is hashed, so that the second read comes up
+// half full.
 TEST_F(FileFaultTest, Archive_TruncatedWhileHashedHashesZeros)
 {
-    Bytes bytes = PseudoRandom(kChunk, 4);
+    constexpr std::uint64_t kKept = kChunk + 512 * 1024;
+    Bytes bytes = PseudoRandom(kKept, 4);
     bytes.resize(kArchiveSize, 0);
     const Package package = Archive(bytes);
     Bytes other = bytes;
-    std::fill(other.begin() + static_cast<std::ptrdiff_t>(kChunk), other.end(), std::uint8_t{0x11});
+    std::fill(other.begin() + static_cast<std::ptrdiff_t>(kKept), other.end(), std::uint8_t{0x11});
     WriteBytes(package.folder / verifier_e2e::kArchive, other);
     EXPECT_EQ(Verify(kProduct, package.handle), kInvalidSignature);
-    EXPECT_EQ(VerifyActingMidHash(package, [](const fs::path& p) { fs::resize_file(p, kChunk); }), 0u);
+    EXPECT_EQ(VerifyActingMidHash(package, [](const fs::path& p) { fs::resize_file(p, kKept); }), 0u);
 }
 
 // A file of the package replaced by something that is not a readable file.

@@ -1,11 +1,9 @@
-// GOST R 34.11-2012 digests of the core against the standard's examples and
-// against libgcrypt.
+// GOST R 34.11-2012 digests of the core against the standard's examples, and
+// its hash objects. Each compression path against libgcrypt: gost_paths_test.cpp.
 #include <array>
-#include <cstring>
 
 #include "nds/gost_core.h"
 #include "nds_test_support.h"
-#include "streebog_compress.h"
 
 namespace nds::test {
 namespace {
@@ -59,61 +57,6 @@ TEST_F(GostHashTest, Digest_StandardExamples) {
         // Byte by byte, so every buffering path is taken.
         EXPECT_EQ(Hex(NdsDigest(v.algorithm, v.message, std::vector<std::size_t>(v.message.size(), 1))),
                   v.Digest());
-    }
-}
-
-TEST_F(GostHashTest, Digest_MatchesLibgcryptOnEveryShortLength) {
-    const Bytes data = RandomBytes(1100, 1);
-    for (std::size_t n = 0; n <= data.size(); ++n) {
-        const Bytes prefix(data.begin(), data.begin() + static_cast<std::ptrdiff_t>(n));
-        ASSERT_EQ(Hex(NdsDigest(NDS_HASH_GOST_2012_256, prefix)), Hex(GcryptDigest(prefix, 256))) << n;
-        ASSERT_EQ(Hex(NdsDigest(NDS_HASH_GOST_2012_512, prefix)), Hex(GcryptDigest(prefix, 512))) << n;
-    }
-}
-
-TEST_F(GostHashTest, Digest_MatchesLibgcryptOnRandomChunkings) {
-    const Bytes data = RandomBytes(3 * 1024 * 1024 + 17, 2);
-    const Bytes want256 = GcryptDigest(data, 256);
-    const Bytes want512 = GcryptDigest(data, 512);
-    std::mt19937_64 rng(3);
-    for (int round = 0; round < 4; ++round) {
-        std::vector<std::size_t> pieces;
-        for (std::size_t total = 0; total < data.size();) {
-            // Mostly small and odd pieces, sometimes large ones.
-            const std::size_t piece = rng() % 4 == 0 ? rng() % 400000 : rng() % 200;
-            pieces.push_back(piece);
-            total += piece;
-        }
-        ASSERT_EQ(Hex(NdsDigest(NDS_HASH_GOST_2012_256, data, pieces)), Hex(want256)) << round;
-        ASSERT_EQ(Hex(NdsDigest(NDS_HASH_GOST_2012_512, data, pieces)), Hex(want512)) << round;
-    }
-}
-
-// Every compression routine this build has must agree with the portable one,
-// whichever of them the CPU selects for the hashers.
-TEST(GostCompressTest, Compress_ImplementationsAgree) {
-    const gost::ImplList usable = gost::UsableImpls();
-    const std::vector<const gost::CompressImpl*> impls(usable.items, usable.items + usable.count);
-    const gost::CompressImpl& ref = gost::PortableImpl();
-    const Bytes data = RandomBytes(64 * 40, 4);
-    for (const auto* impl : impls) {
-        SCOPED_TRACE(impl->name);
-        std::array<std::uint64_t, 8> h1{}, n1{}, s1{}, h2{}, n2{}, s2{};
-        h1.fill(0x0101010101010101ULL);
-        h2 = h1;
-        // Start N near a word boundary so the 512-bit carry is exercised.
-        n1[0] = n2[0] = ~std::uint64_t{0} - 1023;
-        ref.compress_blocks(h1.data(), n1.data(), s1.data(), data.data(), 40);
-        impl->compress_blocks(h2.data(), n2.data(), s2.data(), data.data(), 40);
-        EXPECT_EQ(h1, h2);
-        EXPECT_EQ(n1, n2);
-        EXPECT_EQ(s1, s2);
-        EXPECT_EQ(n1[1], 1U);
-        std::array<std::uint64_t, 8> m{};
-        std::memcpy(m.data(), data.data(), 64);
-        ref.compress(h1.data(), n1.data(), m.data());
-        impl->compress(h2.data(), n2.data(), m.data());
-        EXPECT_EQ(h1, h2);
     }
 }
 

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "gost_paths.h"
 #include "nds_test_support.h"
 
 namespace nds::test {
@@ -103,7 +104,7 @@ TEST_F(GostHashToolTest, Run_UnreadableFileFailsWithExitOne) {
 TEST_F(GostHashToolTest, Run_UsageAndHelp) {
     Outcome o = Run("--help");
     EXPECT_EQ(o.exit_code, 0);
-    EXPECT_EQ(o.out.rfind("Usage: gost-hash [--512] [--format-aware] [FILE]...\n", 0), 0U);
+    EXPECT_EQ(o.out.rfind("Usage: gost-hash [--512] [--format-aware] [--impl PATH] [FILE]...\n", 0), 0U);
     o = Run("--sha1");
     EXPECT_EQ(o.exit_code, 2);
     EXPECT_EQ(o.out, "");
@@ -112,6 +113,33 @@ TEST_F(GostHashToolTest, Run_UsageAndHelp) {
     o = Run("");
     EXPECT_EQ(o.exit_code, 0);
     EXPECT_EQ(o.out, Hex(GcryptDigest(nullptr, 0, 256)) + "  -\n");
+}
+
+// Each path the core has: forced by --impl when it runs here (the help marks
+// it in use and the digest holds), refused with exit 2 when it does not.
+TEST_F(GostHashToolTest, Run_ImplForcesACompressionPath) {
+    const Bytes a = RandomBytes(5000, 24);
+    const fs::path pa = Write("a.bin", a);
+    const auto& paths = gost::Paths();
+    for (std::size_t i = 0; i < paths.count; ++i) {
+        const gost::Path& p = paths.items[i];
+        SCOPED_TRACE(p.name);
+        const std::string impl = std::string("--impl ") + p.name;
+        Outcome o = Run(impl + " " + pa.string());
+        if (p.missing != nullptr) {
+            EXPECT_EQ(o.exit_code, 2);
+            EXPECT_EQ(o.err.rfind(std::string("gost-hash: no compression path '") + p.name + "' runs here\n", 0), 0U);
+            continue;
+        }
+        EXPECT_EQ(o.exit_code, 0);
+        EXPECT_EQ(o.out, Hex(GcryptDigest(a, 256)) + "  " + pa.string() + "\n");
+        o = Run(impl + " --help");
+        EXPECT_NE(o.out.find(std::string("\n  ") + p.name + " (in use)\n"), std::string::npos) << o.out;
+    }
+    const Outcome o = Run("--impl sse " + pa.string());
+    EXPECT_EQ(o.exit_code, 2);
+    EXPECT_EQ(o.out, "");
+    EXPECT_EQ(o.err.rfind("gost-hash: no compression path 'sse' runs here\n\nCompression paths", 0), 0U) << o.err;
 }
 
 }  // namespace

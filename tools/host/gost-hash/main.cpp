@@ -1,6 +1,7 @@
 // gost-hash: GOST R 34.11-2012 digests of files, computed the way the
 // verifier hashes an update archive (64 MiB chunks through the Nds library).
 // Output is one "<hex digest>  <file>" line per file, as sha256sum prints.
+// --impl forces one of the core's compression paths, for comparisons.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "gost_paths.h"
+#include "nds/gost_core.h"
 #include "nds/nds.h"
 
 namespace {
@@ -21,7 +24,7 @@ constexpr std::size_t kChunkSize = 64U * 1024U * 1024U;
 constexpr std::uint64_t kProgressThreshold = 256ULL * 1024U * 1024U;
 
 const char* const kUsage =
-    "Usage: gost-hash [--512] [--format-aware] [FILE]...\n"
+    "Usage: gost-hash [--512] [--format-aware] [--impl PATH] [FILE]...\n"
     "Print GOST R 34.11-2012 digests, one \"<hex digest>  <file>\" line per FILE.\n"
     "With no FILE, or when FILE is -, read standard input.\n"
     "\n"
@@ -29,15 +32,34 @@ const char* const kUsage =
     "  --format-aware  hash a PE32/PE32+ image with its checksum and certificate-table\n"
     "                  entry blanked; adds the format found (none, PE32, PE32+) after\n"
     "                  the file name\n"
+    "  --impl PATH     hash with this compression path of the core (listed below)\n"
     "  --help          show this text\n"
+    "  --version       show the version and the compression path in use\n"
     "\n"
     "Exit status: 0 if every file was hashed, 1 if any could not be read, 2 on bad usage.\n";
 
 struct Options {
     int algorithm = NDS_HASH_GOST_2012_256;
     bool format_aware = false;
+    bool help = false;
+    bool version = false;
+    const char* path = nullptr;
     std::vector<std::string> files;
 };
+
+// The core's compression paths, fastest first, with the one in use.
+void PrintPaths(std::FILE* to) {
+    std::fputs("\nCompression paths, fastest first:\n", to);
+    const auto& paths = nds::gost::Paths();
+    for (std::size_t i = 0; i < paths.count; ++i) {
+        const auto& p = paths.items[i];
+        if (p.missing != nullptr) {
+            std::fprintf(to, "  %s (not run: %s)\n", p.name, p.missing);
+        } else {
+            std::fprintf(to, "  %s%s\n", p.name, std::strcmp(p.name, GostHash_Implementation()) == 0 ? " (in use)" : "");
+        }
+    }
+}
 
 const char* FormatName(int format) {
     switch (format) {
@@ -204,13 +226,34 @@ int main(int argc, char** argv) {
             options.algorithm = NDS_HASH_GOST_2012_512;
         } else if (arg == "--format-aware") {
             options.format_aware = true;
+        } else if (arg == "--impl") {
+            if (i + 1 == argc) {
+                std::fprintf(stderr, "gost-hash: '--impl' needs a PATH\n%s", kUsage);
+                return 2;
+            }
+            options.path = argv[++i];
         } else if (arg == "--help" || arg == "-h") {
-            std::fputs(kUsage, stdout);
-            return 0;
+            options.help = true;
+        } else if (arg == "--version") {
+            options.version = true;
         } else {
             std::fprintf(stderr, "gost-hash: unknown option '%s'\n%s", arg.c_str(), kUsage);
             return 2;
         }
+    }
+    if (options.path != nullptr && !nds::gost::UsePath(options.path)) {
+        std::fprintf(stderr, "gost-hash: no compression path '%s' runs here\n", options.path);
+        PrintPaths(stderr);
+        return 2;
+    }
+    if (options.version) {
+        std::printf("gost-hash %s\ncompression path: %s\n", VERIFIER_VERSION, GostHash_Implementation());
+        return 0;
+    }
+    if (options.help) {
+        std::fputs(kUsage, stdout);
+        PrintPaths(stdout);
+        return 0;
     }
     if (options.files.empty()) {
         options.files.emplace_back("-");

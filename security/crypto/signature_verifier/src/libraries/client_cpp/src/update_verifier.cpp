@@ -4,6 +4,7 @@
 #include <signature_verifier/update_verifier.h>
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
 #include <fstream>
 #include <memory>
@@ -151,18 +152,20 @@ std::vector<std::uint8_t> ReadWholeFile(const std::filesystem::path& path)
     return bytes;
 }
 
-// Reads the next `length` bytes into a fresh zero-filled buffer and hashes
-// the whole buffer: a file that shrank after it was opened hashes zeros in
-// place of the missing bytes. A stream that broke (a read error, or a path
-// that is no regular file and reported a meaningless size) ends the call
-// rather than hashing zeros for ever.
-void HashChunk(std::istream& in, std::size_t length, void* hash)
+// Reads the next `length` bytes into `buffer` and hashes all `length` of
+// them: what the read did not fill (a file that shrank after it was opened)
+// is zeroed first, so the bytes hashed are those of a fresh zero-filled
+// buffer. A stream that broke (a read error, or a path that is no regular
+// file and reported a meaningless size) ends the call rather than hashing
+// zeros for ever.
+void HashChunk(std::istream& in, char* buffer, std::size_t length, void* hash)
 {
-    const std::unique_ptr<char[]> buffer(new char[length]());
-    in.read(buffer.get(), static_cast<std::streamsize>(length));
+    in.read(buffer, static_cast<std::streamsize>(length));
     if (in.bad())
         ThrowCheckFailed(kLineReadFailed, u"fail to read file file");
-    const int status = signature_verifier_hash_buffer(hash, buffer.get(), length);
+    const auto got = static_cast<std::size_t>(in.gcount());
+    std::memset(buffer + got, 0, length - got);
+    const int status = signature_verifier_hash_buffer(hash, buffer, length);
     if (LibraryCallFailed(status))
         ThrowCallFailed(kLineHashBuffer, status);
 }
@@ -204,9 +207,13 @@ std::int32_t UpdateVerifier::GetHash(const std::filesystem::path& file, std::vec
         const HashContext context = MakeHashContext();
         SizedFile input = OpenSizedFile(file);
         CheckOpened(input);
+        // One buffer for every chunk of the call, as large as the first: each
+        // page is faulted in once per call, not once per chunk.
+        const std::streamoff bufferSize = std::clamp(input.size, std::streamoff{0}, kReadChunk);
+        const auto buffer = std::make_unique_for_overwrite<char[]>(static_cast<std::size_t>(bufferSize));
         for (std::streamoff offset = 0; offset < input.size; offset += kReadChunk) {
             const std::streamoff length = std::min(input.size - offset, kReadChunk);
-            HashChunk(input.stream, static_cast<std::size_t>(length), context.get());
+            HashChunk(input.stream, buffer.get(), static_cast<std::size_t>(length), context.get());
         }
         hash.resize(kHashReserve);
         std::size_t size = hash.size();

@@ -24,23 +24,25 @@ struct CompressImpl {
 
 // Plain C++ on any target.
 const CompressImpl& PortableImpl();
-// The fastest implementation that this CPU runs; chosen once.
+// The implementation that hashers use: the fastest that this CPU runs,
+// chosen once at start-up, unless UsePath (gost_paths.h) forced another.
 const CompressImpl& SelectedImpl();
 #if defined(__x86_64__) && defined(__GNUC__)
 #define NDS_HAVE_AVX_IMPL 1
+#define NDS_HAVE_GFNI_IMPL 1
 // x86-64 with AVX (GNU inline assembly). Only to be called when the CPU
 // reports AVX.
 const CompressImpl& AvxImpl();
+// x86-64 with AVX-512 F, BW, VL, VBMI and GFNI. Only to be called when the
+// CPU reports them and the OS saves the ZMM state.
+const CompressImpl& GfniImpl();
+// The linear transform L of that path alone, on 8 words in the standard's
+// layout (same conditions).
+void LinearGfni(std::uint64_t* words);
 #else
 #define NDS_HAVE_AVX_IMPL 0
+#define NDS_HAVE_GFNI_IMPL 0
 #endif
-
-// Every implementation this CPU can run, the selected one first.
-struct ImplList {
-    const CompressImpl* items[4];
-    std::size_t count;
-};
-ImplList UsableImpls();
 
 // 512-bit helpers shared by the implementations.
 inline void Add512(std::uint64_t* acc, const std::uint64_t* v) {

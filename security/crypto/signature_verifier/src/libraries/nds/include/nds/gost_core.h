@@ -43,7 +43,7 @@ int GostHash_Reset(void* state);
 /* `dst` must be a block of the same size as `src`, initialised or not. */
 int GostHash_Copy(void* dst, const void* src, size_t dst_size);
 int GostHash_Clear(void* state);
-/* Name of the compression routine in use ("avx", "portable"). */
+/* Name of the compression path in use ("gfni", "avx", "portable"). */
 const char* GostHash_Implementation(void);
 
 /*
