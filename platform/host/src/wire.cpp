@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -317,12 +318,20 @@ int BindSeqpacket(const std::string& path)
     const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0)
         return -1;
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    const auto fail = [&](bool bound) {
         const int saved = errno;
         ::close(fd);
+        if (bound)
+            ::unlink(path.c_str());
         errno = saved;
         return -1;
-    }
+    };
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        return fail(false);
+    // bind gives the mode the umask leaves; nobody can connect before the
+    // caller listens, so setting it now is in time.
+    if (::chmod(path.c_str(), 0600) != 0)
+        return fail(true);
     return fd;
 }
 
