@@ -176,12 +176,20 @@ std::optional<std::chrono::milliseconds> CallTimeoutFor(const std::string& chann
     return fromEnvironment ? std::min(*fromEnvironment, kLogStorageCallLimit) : kLogStorageCallLimit;
 }
 
-uint64_t MonotonicNs()
+namespace {
+
+uint64_t ClockNs(clockid_t clock)
 {
     timespec ts {};
-    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    ::clock_gettime(clock, &ts);
     return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
 }
+
+}  // namespace
+
+uint64_t MonotonicNs() { return ClockNs(CLOCK_MONOTONIC); }
+
+uint64_t RealtimeNs() { return ClockNs(CLOCK_REALTIME); }
 
 void HostLog(int level, const char* format, ...)
 {

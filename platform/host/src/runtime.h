@@ -49,6 +49,8 @@ std::optional<std::chrono::milliseconds> CallTimeoutFor(const std::string& chann
 inline constexpr std::chrono::milliseconds kLogStorageCallLimit{2000};
 
 uint64_t MonotonicNs();
+// CLOCK_REALTIME, the clock of the kernel's arrival stamps.
+uint64_t RealtimeNs();
 
 // One line on the platform log under the logger name "nos-host".
 void HostLog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
