@@ -1,13 +1,17 @@
 // Name server and connection manager of the host platform: the codes of its
-// refusals. Accepting, joining and dropping connections are seen where they
-// are used, in the IPC server and connection manager tests.
+// refusals, and listening while out of descriptors. Accepting, joining and
+// dropping connections are seen where they are used, in the IPC server and
+// connection manager tests.
 #include "support/runtime_dir.h"
+#include "wire.h"
 
 #include <nos/platform.h>
 
 #include <gtest/gtest.h>
 
 #include <future>
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace {
 
@@ -47,6 +51,44 @@ TEST_F(HostNameServerTest, ConnectionRequests_FailWithTheirOwnCodes)
     EXPECT_EQ(KnCmListen(nullptr, 100, nullptr, service), NK_EINVAL);
     EXPECT_EQ(NsPublishService(ns, "t", nullptr, "a/b"), NK_EINVAL);
     EXPECT_EQ(NsPublishService(INVALID_HANDLE, "t", nullptr, "s"), NK_EBADF);
+    EXPECT_EQ(NsUnPublishService(ns, "test.Echo", nullptr, "echo"), NK_EOK);
+    EXPECT_EQ(KnHandleClose(ns), NK_EOK);
+}
+
+TEST_F(HostNameServerTest, KnCmListen_RestsWhileOutOfDescriptorsAndAcceptsOnceTheyAreBack)
+{
+    Handle ns = INVALID_HANDLE;
+    ASSERT_EQ(NsCreate(nullptr, -1, &ns), NK_EOK);
+    ASSERT_EQ(NsPublishService(ns, "test.Echo", nullptr, "echo"), NK_EOK);
+    const int client = nos_host::ConnectSeqpacket((runtime.Path() / ("cm." + std::to_string(::getpid()) + ".sock")).string());
+    rlimit saved {};
+    ASSERT_TRUE(client >= 0 && ::getrlimit(RLIMIT_NOFILE, &saved) == 0);
+    rlimit low = saved;
+    low.rlim_cur = std::min<rlim_t>(saved.rlim_cur, 256);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+    std::vector<int> taken;  // every descriptor: accepting the waiting client fails with EMFILE
+    for (int fd; (fd = ::dup(client)) >= 0;)
+        taken.push_back(fd);
+    const auto cpu = [] {
+        rusage usage {};
+        ::getrusage(RUSAGE_THREAD, &usage);
+        return usage.ru_utime.tv_sec * 1000000L + usage.ru_utime.tv_usec + usage.ru_stime.tv_sec * 1000000L + usage.ru_stime.tv_usec;
+    };
+    char name[KN_CM_NAME_MAX] = {};
+    char service[KN_CM_NAME_MAX] = {};
+    const long before = cpu();
+    EXPECT_EQ(KnCmListen(nullptr, 1000, name, service), NK_CM_TIMEOUT);
+    EXPECT_LT(cpu() - before, 200000);  // microseconds; a busy loop takes nearly all the second
+    for (const int fd : taken)
+        ::close(fd);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
+    const std::string payload("prober\0echo", 12);
+    nos_host::FrameHeader header{nos_host::FrameKind::CmConnect};
+    ASSERT_EQ(nos_host::SendFrame(client, header, {reinterpret_cast<const uint8_t*>(payload.data()), 12}, {}, {}, false),
+              nos_host::IoResult::Ok);
+    EXPECT_EQ(KnCmListen(nullptr, 10000, name, service), NK_EOK);
+    EXPECT_STREQ(service, "echo");
+    ::close(client);
     EXPECT_EQ(NsUnPublishService(ns, "test.Echo", nullptr, "echo"), NK_EOK);
     EXPECT_EQ(KnHandleClose(ns), NK_EOK);
 }

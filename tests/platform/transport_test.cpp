@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <thread>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -66,6 +67,14 @@ struct RawClient {
     {
         FrameHeader header;
         return ReadEcho(fd, header).tag;
+    }
+    // Whether the server closes the connection, unanswered, within 10 s.
+    bool Closed() const
+    {
+        Bytes buffer;
+        std::span<const uint8_t> packet;
+        FrameHeader header;
+        return ReadFirstPacket(fd, buffer, packet, header, Clock::now() + 10s) == IoResult::Closed;
     }
     const int fd;
 };
@@ -305,6 +314,12 @@ protected:
         return pending.get();
     }
     Retcode Reply(const Echo& request) { return t.ops->reply(&t, &request.header, nullptr); }
+    // Receives a request and answers it: its tag; 0 when that failed.
+    uint32_t Serve()
+    {
+        Echo request{};
+        return Receive(request) == NK_EOK && Reply(request) == NK_EOK ? request.tag : 0;
+    }
 
     Handle channel = ServiceLocatorRegister("srv", nullptr, 0, nullptr);
     NkNosTransport t{};
@@ -362,20 +377,74 @@ TEST_F(HostServerTest, Recv_DropsMisbehavingClientsAndServesTheNext)
     }
 }
 
-TEST_F(HostServerTest, Recv_TakesTheEarliestSentRequestFirst)
+TEST_F(HostServerTest, Recv_ServesInOrderOfArrivalWhateverTheClientsStampOrSendAhead)
 {
-    // Connected and sent in the order 3, 1, 2; stamped 1, 2, 3.
-    RawClient third(runtime), first(runtime), second(runtime);
-    third.Request(3, 3000);
-    first.Request(1, 1000);
-    second.Request(2, 2000);
-    for (uint32_t tag = 1; tag <= 3; ++tag) {
-        Echo request{};
-        ASSERT_EQ(Receive(request), NK_EOK);
-        EXPECT_EQ(request.tag, tag);
-        ASSERT_EQ(Reply(request), NK_EOK);
-    }
+    // Each client stamps its own "sent at"; the pushy one stamps 0 and sends
+    // five requests without waiting for replies.
+    RawClient honest(runtime), pushy(runtime);
+    honest.Request(1);
+    for (uint32_t tag = 11; tag <= 15; ++tag)
+        pushy.Request(tag, 0);
+    EXPECT_EQ(Serve(), 1u);
+    honest.Request(2);  // before the reply to 11, after which 12 counts
+    EXPECT_EQ(Serve(), 11u);
+    EXPECT_EQ(Serve(), 2u);
     EXPECT_EQ(Reply(MakeEcho(0)), NK_EINVAL);  // nothing received since
+}
+
+TEST_F(HostServerTest, Recv_AHalfSentFrameHoldsNobodyUpAndIsDroppedTenSecondsAfterItsFirstPacket)
+{
+    LogCapture log;
+    StderrCapture platformLog(log);
+    RawClient slow(runtime);
+    Bytes first = Frame(FrameKind::Request, BytesOf(MakeEcho(1)), 1, MonotonicNs(), 2 * kPacketMax);
+    first.resize(kPacketMax);  // the first of three packets
+    slow.Send(first);
+    const auto start = Clock::now();
+    RawClient honest(runtime);
+    honest.Request(2);
+    Bytes arenaBytes(2 * kPacketMax);
+    nk_arena arena;
+    nk_arena_init(&arena, arenaBytes.data(), arenaBytes.size());
+    Echo request{};
+    ASSERT_EQ(Receive(request, &arena), NK_EOK);
+    ASSERT_EQ(Reply(request), NK_EOK);
+    EXPECT_EQ(honest.ReplyTag(), 2u);
+    EXPECT_LT(Clock::now() - start, 100ms);
+
+    nk_msg_set_size(&request.header, sizeof request);
+    auto pending = std::async(std::launch::async, [&] { return t.ops->recv(&t, &request.header, &arena); });
+    std::this_thread::sleep_until(start + 9s);
+    slow.Send(Bytes(kPacketMax, 0));  // the second packet, 9 s after the first
+    EXPECT_TRUE(slow.Closed());
+    EXPECT_GE(Clock::now() - start, 10s);
+    EXPECT_LT(Clock::now() - start, 12s);
+    EXPECT_TRUE(log.WaitFor("dropped: frame not whole 10 s after its first packet"));
+    EXPECT_EQ(ServiceLocatorUnregister(channel), NK_EOK);
+    EXPECT_EQ(pending.get(), NK_EBADF);
+}
+
+TEST_F(HostServerTest, Accept_AFullChannelReplacesItsOldestSilentClientOrRefusesTheNewOne)
+{
+    LogCapture log;
+    StderrCapture platformLog(log);
+    std::vector<std::unique_ptr<RawClient>> clients;  // as many as a channel takes; all but the first send
+    for (uint32_t tag = 0; tag < 64; ++tag) {
+        clients.push_back(std::make_unique<RawClient>(runtime));
+        if (tag > 0)
+            clients.back()->Request(tag);
+    }
+    EXPECT_EQ(Serve(), 1u);
+    RawClient late(runtime);
+    late.Request(100);
+    EXPECT_EQ(Serve(), 2u);
+    EXPECT_TRUE(clients[0]->Closed());  // its place went to the late client
+    RawClient refused(runtime);
+    refused.Request(200);
+    EXPECT_EQ(Serve(), 3u);
+    EXPECT_TRUE(refused.Closed());  // every client has sent: no place to take
+    EXPECT_TRUE(log.WaitFor("as many clients as it takes"));
+    EXPECT_FALSE(log.WaitFor("as many clients as it takes", 2, 0ms));  // one line for the burst
 }
 
 TEST_F(HostServerTest, Recv_TakesAClientsNextRequestOnlyOnceItsLastIsAnswered)

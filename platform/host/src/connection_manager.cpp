@@ -6,6 +6,7 @@
 // socket. A client connects there, sends a CmConnect frame and waits for
 // CmAccept (with the riid) or CmRefuse; after CmAccept the same connection
 // carries requests and replies like a channel's.
+#include "admission.h"
 #include "channel.h"
 #include "client.h"
 #include "runtime.h"
@@ -51,7 +52,7 @@ public:
     Retcode Publish(const std::string& dir, const std::string& type, const std::string& service)
     {
         std::lock_guard lock(mutex_);
-        if (listenFd_ < 0) {
+        if (!listener_) {
             const std::string path = dir + "/cm." + std::to_string(::getpid()) + ".sock";
             const int fd = BindSeqpacket(path);
             if (fd < 0 || ::listen(fd, SOMAXCONN) != 0) {
@@ -60,7 +61,7 @@ public:
                     ::close(fd);
                 return NK_EINVAL;
             }
-            listenFd_ = fd;
+            listener_ = std::make_unique<Listener>(fd, "connection manager");
             socketPath_ = path;
         }
         if (!WriteFileAtomically(ServiceRecordPath(dir, service), type + '\n' + socketPath_ + '\n')) {
@@ -93,6 +94,7 @@ public:
         const auto until = Clock::now() + std::chrono::milliseconds(bounded ? msecs : 0);
         std::vector<pollfd> fds;
         for (;;) {
+            int restMs = -1;
             {
                 std::lock_guard lock(mutex_);
                 TakeIncomingLocked();
@@ -104,18 +106,22 @@ public:
                     return NK_EOK;
                 }
                 fds.clear();
-                if (listenFd_ >= 0)
-                    fds.push_back({listenFd_, POLLIN, 0});
+                if (listener_ && listener_->Ready())
+                    fds.push_back({listener_->Fd(), POLLIN, 0});
+                else if (listener_)
+                    restMs = listener_->PollTimeoutMs();
                 for (const auto& [fd, since] : incoming_)
                     fds.push_back({fd, POLLIN, 0});
             }
-            // Wake at least once a second: the manager socket may come or go meanwhile.
-            int timeoutMs = 1000;
+            // Wake at least once a second: the manager socket may come or go
+            // meanwhile; and when it rests after a failed accept, when it
+            // may accept again.
+            int timeoutMs = restMs >= 0 ? std::min(restMs, 1000) : 1000;
             if (bounded) {
                 const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()).count();
                 if (left <= 0)
                     return NK_CM_TIMEOUT;
-                timeoutMs = static_cast<int>(std::min<int64_t>(left, 1000));
+                timeoutMs = static_cast<int>(std::min<int64_t>(left, timeoutMs));
             }
             if (::poll(fds.data(), fds.size(), timeoutMs) < 0 && errno != EINTR)
                 return NK_EINVAL;
@@ -148,12 +154,13 @@ public:
                 *handle = listener;
             return rc;
         }
-        auto channel = ServerChannel::Create(key.second, CurrentRuntimeDir(), -1, {});
+        auto channel = ServerChannel::Create(key.second, CurrentRuntimeDir(), -1, {}, ConnectionLimitOf(key.second));
         if (!channel) {
             ::close(fd);
             return NK_ENOMEM;
         }
-        channel->AddConnection(fd);
+        if (const Retcode rc = channel->AddConnection(fd); rc != NK_EOK)
+            return rc;
         const Handle made = HandleTable::Process().Add(channel);
         if (made == INVALID_HANDLE) {
             channel->Close();
@@ -191,9 +198,19 @@ private:
     // Accepts new connections and reads the CmConnect frames that arrived.
     void TakeIncomingLocked()
     {
-        if (listenFd_ >= 0) {
-            for (int fd; (fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)) >= 0;)
-                incoming_.emplace_back(fd, Clock::now());
+        if (listener_) {
+            for (int fd; (fd = listener_->Accept()) >= 0;) {
+                // As for a channel: a bounded number of requests, and
+                // descriptors kept for the process's own work.
+                if (incoming_.size() + pending_.size() < kDefaultConnectionLimit && !DescriptorsRunLow(fd)) {
+                    incoming_.emplace_back(fd, Clock::now());
+                    continue;
+                }
+                if (refused_.Starts())
+                    HostLog(NOS_LOG_WARNING, "connection manager: %zu requests waiting, or few descriptors left: new "
+                            "requests are refused", incoming_.size() + pending_.size());
+                ::close(fd);
+            }
         }
         std::vector<uint8_t> buffer;
         for (auto it = incoming_.begin(); it != incoming_.end();) {
@@ -224,11 +241,10 @@ private:
     // request not yet accepted.
     void CloseIfIdleLocked()
     {
-        if (!published_.empty() || listenFd_ < 0)
+        if (!published_.empty() || !listener_)
             return;
-        ::close(listenFd_);
+        listener_.reset();
         ::unlink(socketPath_.c_str());
-        listenFd_ = -1;
         socketPath_.clear();
         for (const auto& [fd, since] : incoming_)
             ::close(fd);
@@ -241,8 +257,9 @@ private:
 
     std::mutex listenMutex_;  // one KnCmListen at a time
     std::mutex mutex_;        // guards everything below
-    int listenFd_ = -1;
+    std::unique_ptr<Listener> listener_;
     std::string socketPath_;
+    Burst refused_;  // requests that found too many waiting
     std::map<std::pair<std::string, std::string>, int> published_;  // (dir, service) -> times published
     std::vector<std::pair<int, Clock::time_point>> incoming_;        // connected, request not yet read
     std::map<RequestKey, int> pending_;                               // read, not yet accepted or dropped

@@ -45,33 +45,42 @@ std::string RuntimeDirFromEnvironment()
     return base + "/nos-" + std::to_string(::getuid());
 }
 
-Retcode EnsureRuntimeDir(const std::string& dir, bool strictOwnership)
+Retcode EnsureRuntimeDir(const std::string& dir, bool privateToUser)
 {
     if (dir.empty() || !MakeDirectories(dir)) {
         HostLog(NOS_LOG_ERROR, "cannot create the runtime directory \"%s\": %s", dir.c_str(), std::strerror(errno));
         return NK_EINVAL;
     }
+    // Without trailing slashes, which would have lstat follow a link.
+    std::string path = dir;
+    while (path.size() > 1 && path.back() == '/')
+        path.pop_back();
     struct stat st {};
-    if (::lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-        if (!strictOwnership && ::stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
-            return NK_EOK;
-        HostLog(NOS_LOG_ERROR, "the runtime directory \"%s\" is not a directory", dir.c_str());
-        return NK_EINVAL;
-    }
-    if (strictOwnership && (st.st_uid != ::getuid() || (st.st_mode & 077) != 0)) {
-        HostLog(NOS_LOG_ERROR, "the runtime directory \"%s\" is not owned by uid %u with mode 0700", dir.c_str(),
-                static_cast<unsigned>(::getuid()));
-        return NK_EINVAL;
-    }
-    return NK_EOK;
+    char fault[160] = "";
+    if (::lstat(path.c_str(), &st) != 0)
+        std::snprintf(fault, sizeof fault, "cannot be examined: %s", std::strerror(errno));
+    else if (S_ISLNK(st.st_mode))
+        std::snprintf(fault, sizeof fault, "is a symbolic link");
+    else if (!S_ISDIR(st.st_mode))
+        std::snprintf(fault, sizeof fault, "is not a directory");
+    else if (st.st_uid != ::geteuid())
+        std::snprintf(fault, sizeof fault, "belongs to uid %u, not to uid %u", static_cast<unsigned>(st.st_uid),
+                      static_cast<unsigned>(::geteuid()));
+    else if ((st.st_mode & (privateToUser ? 077 : 022)) != 0)
+        std::snprintf(fault, sizeof fault, "%s group or others (mode %04o)",
+                      privateToUser ? "is open to" : "may be written by", static_cast<unsigned>(st.st_mode & 07777));
+    if (fault[0] == '\0')
+        return NK_EOK;
+    HostLog(NOS_LOG_ERROR, "the runtime directory \"%s\" %s: refused", dir.c_str(), fault);
+    return NK_EINVAL;
 }
 
 std::string CurrentRuntimeDir()
 {
     const char* configured = std::getenv("NOS_RUNTIME_DIR");
-    const bool strict = configured == nullptr || *configured == '\0';
+    const bool byDefault = configured == nullptr || *configured == '\0';
     std::string dir = RuntimeDirFromEnvironment();
-    if (EnsureRuntimeDir(dir, strict) != NK_EOK)
+    if (EnsureRuntimeDir(dir, byDefault) != NK_EOK)
         return {};
     return dir;
 }
@@ -96,7 +105,12 @@ bool IsValidName(std::string_view name)
 bool WriteFileAtomically(const std::string& path, std::string_view content)
 {
     const std::string tmp = path + ".tmp." + std::to_string(::getpid());
-    const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    // A new file, never one that is there (a link would be followed): one
+    // left by an earlier process of the same pid is removed first.
+    const auto create = [&] { return ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600); };
+    int fd = create();
+    if (fd < 0 && errno == EEXIST && ::unlink(tmp.c_str()) == 0)
+        fd = create();
     if (fd < 0)
         return false;
     size_t done = 0;
@@ -162,12 +176,20 @@ std::optional<std::chrono::milliseconds> CallTimeoutFor(const std::string& chann
     return fromEnvironment ? std::min(*fromEnvironment, kLogStorageCallLimit) : kLogStorageCallLimit;
 }
 
-uint64_t MonotonicNs()
+namespace {
+
+uint64_t ClockNs(clockid_t clock)
 {
     timespec ts {};
-    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    ::clock_gettime(clock, &ts);
     return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
 }
+
+}  // namespace
+
+uint64_t MonotonicNs() { return ClockNs(CLOCK_MONOTONIC); }
+
+uint64_t RealtimeNs() { return ClockNs(CLOCK_REALTIME); }
 
 void HostLog(int level, const char* format, ...)
 {

@@ -16,11 +16,12 @@ namespace nos_host {
 // empty, else ${TMPDIR:-/tmp}/nos-<uid>.
 std::string RuntimeDirFromEnvironment();
 
-// Creates `dir` (and missing parents) with mode 0700 when absent. The default
-// per-user directory must be a real directory owned by this user and closed
-// to others; a directory named by NOS_RUNTIME_DIR need only be a directory.
-// Returns NK_EOK or NK_EINVAL.
-Retcode EnsureRuntimeDir(const std::string& dir, bool strictOwnership);
+// Creates `dir` (and missing parents) with mode 0700 when absent. It must be
+// a directory, not a symbolic link, owned by this process's effective uid,
+// and not writable by group or others; with `privateToUser` (the default
+// per-user directory) group and others may have no access at all. Returns
+// NK_EOK, or NK_EINVAL with the reason logged.
+Retcode EnsureRuntimeDir(const std::string& dir, bool privateToUser);
 
 // The runtime directory of the environment, created when needed; empty when
 // it cannot be used (the reason is logged).
@@ -48,6 +49,8 @@ std::optional<std::chrono::milliseconds> CallTimeoutFor(const std::string& chann
 inline constexpr std::chrono::milliseconds kLogStorageCallLimit{2000};
 
 uint64_t MonotonicNs();
+// CLOCK_REALTIME, the clock of the kernel's arrival stamps.
+uint64_t RealtimeNs();
 
 // One line on the platform log under the logger name "nos-host".
 void HostLog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));

@@ -1,6 +1,7 @@
 // Service locator of the host platform: a channel is a listening socket
 // "<runtime dir>/<name>.sock" with its endpoint table "<name>.endpoints"
 // beside it.
+#include "admission.h"
 #include "channel.h"
 #include "client.h"
 #include "endpoints.h"
@@ -43,7 +44,7 @@ extern "C" Handle ServiceLocatorRegister(const char* name, const void* /*reserve
         ::unlink(tablePath.c_str());
         return INVALID_HANDLE;
     }
-    auto channel = ServerChannel::Create(name, dir, fd, {socketPath, tablePath});
+    auto channel = ServerChannel::Create(name, dir, fd, {socketPath, tablePath}, ConnectionLimitOf(name));
     if (!channel) {
         ::close(fd);
         ::unlink(socketPath.c_str());
@@ -116,4 +117,16 @@ extern "C" Retcode NosHostSetEndpoints(const char* channel, const char* const* n
         table.emplace_back(names[i]);
     }
     return SetEndpoints(channel, std::move(table));
+}
+
+extern "C" Retcode NosHostSetConnectionLimit(const char* channel, size_t limit)
+{
+    if (channel == nullptr || !IsValidName(channel) || limit == 0)
+        return NK_EINVAL;
+    return SetConnectionLimit(channel, limit);
+}
+
+extern "C" Retcode NosHostAllowUid(const char* uid)
+{
+    return uid != nullptr && AllowUidText(uid) ? NK_EOK : NK_EINVAL;
 }

@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -178,24 +179,49 @@ IoResult SendFrame(int fd, FrameHeader header, std::span<const uint8_t> message,
     return result;
 }
 
-PeekResult PeekFrameHeader(int fd, FrameHeader& out)
+void StampArrivals(int fd)
 {
-    uint8_t head[kFrameHeaderSize];
+    const int on = 1;
+    (void)::setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
+}
+
+IoResult ReceiveStamped(int fd, std::span<uint8_t> into, size_t& length, uint64_t& stampNs)
+{
+    iovec iov{into.data(), into.size()};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(timespec))];
     for (;;) {
-        const ssize_t n = ::recv(fd, head, sizeof head, MSG_PEEK | MSG_DONTWAIT | MSG_TRUNC);
+        msghdr msg {};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof control;
+        const ssize_t n = ::recvmsg(fd, &msg, MSG_DONTWAIT | MSG_TRUNC);
         if (n == 0)
-            return PeekResult::Closed;
+            return IoResult::Closed;
         if (n < 0) {
             if (errno == EINTR)
                 continue;
             if (errno == EAGAIN || errno == EWOULDBLOCK)
-                return PeekResult::Empty;
-            return PeekResult::Closed;
+                return IoResult::TimedOut;
+            return errno == ECONNRESET || errno == ENOTCONN ? IoResult::Closed : IoResult::Failed;
         }
-        const size_t packet = static_cast<size_t>(n);
-        const auto verdict = ParseFrameHeader({head, std::min(packet, sizeof head)}, packet, out);
-        return verdict == FrameVerdict::Ok ? PeekResult::Frame : PeekResult::Malformed;
+        length = static_cast<size_t>(n);
+        stampNs = RealtimeNs();
+        for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
+            if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_TIMESTAMPNS) {
+                timespec ts {};
+                std::memcpy(&ts, CMSG_DATA(c), sizeof ts);
+                stampNs = static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
+            }
+        }
+        return IoResult::Ok;
     }
+}
+
+IoResult ReceiveExact(int fd, std::span<uint8_t> into, Deadline deadline)
+{
+    iovec iov{into.data(), into.size()};
+    return ReceivePacket(fd, &iov, 1, into.size(), deadline);
 }
 
 IoResult ReadFirstPacket(int fd, std::vector<uint8_t>& buffer, std::span<const uint8_t>& packet, FrameHeader& header,
@@ -317,12 +343,20 @@ int BindSeqpacket(const std::string& path)
     const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0)
         return -1;
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    const auto fail = [&](bool bound) {
         const int saved = errno;
         ::close(fd);
+        if (bound)
+            ::unlink(path.c_str());
         errno = saved;
         return -1;
-    }
+    };
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        return fail(false);
+    // bind gives the mode the umask leaves; nobody can connect before the
+    // caller listens, so setting it now is in time.
+    if (::chmod(path.c_str(), 0600) != 0)
+        return fail(true);
     return fd;
 }
 

@@ -18,10 +18,13 @@ using Clock = std::chrono::steady_clock;
 // No value: wait without limit.
 using Deadline = std::optional<Clock::time_point>;
 
-// Longest pause allowed inside one frame, between two of its packets (or
-// while a peer is expected to take a reply). A peer slower than this is
-// treated as broken.
+// Longest pause a client allows its server inside one reply frame, between
+// two of its packets. A server slower than this is treated as broken.
 inline constexpr std::chrono::seconds kStallLimit{10};
+// Time a server gives a client for one whole frame: to send a request, from
+// its first packet on, and to take a reply. A client slower than this is
+// dropped.
+inline constexpr std::chrono::seconds kFrameDeadline{10};
 
 enum class IoResult {
     Ok,
@@ -47,9 +50,19 @@ IoResult WaitFd(int fd, short events, Deadline deadline);
 IoResult SendFrame(int fd, FrameHeader header, std::span<const uint8_t> message, std::span<const uint8_t> arena,
                    Deadline deadline, bool stallBounded);
 
-enum class PeekResult { Frame, Empty, Closed, Malformed };
-// Looks at the header of the next frame without taking it; never blocks.
-PeekResult PeekFrameHeader(int fd, FrameHeader& out);
+// Has the kernel stamp each packet that arrives on `fd` from now on with the
+// time it was queued, for ReceiveStamped.
+void StampArrivals(int fd);
+
+// Takes the next packet without waiting: at most into.size() bytes of it go
+// to `into`, `length` is its whole length, and `stampNs` the kernel's
+// CLOCK_REALTIME stamp of its arrival (the time now for a packet that came
+// before StampArrivals). TimedOut when no packet is waiting.
+IoResult ReceiveStamped(int fd, std::span<uint8_t> into, size_t& length, uint64_t& stampNs);
+
+// Takes the next packet, which must be exactly into.size() bytes long
+// (Malformed otherwise); TimedOut when none came by `deadline`.
+IoResult ReceiveExact(int fd, std::span<uint8_t> into, Deadline deadline);
 
 // Takes the first packet of the next frame into `buffer` (grown to
 // kPacketMax bytes and kept so, to be reused without refilling) and validates
@@ -75,9 +88,10 @@ bool FitsSocketAddress(const std::string& path);
 // A non-blocking SOCK_SEQPACKET socket connected to `path`; -1 with errno set
 // on failure. Connecting waits at most kStallLimit for room in the backlog.
 int ConnectSeqpacket(const std::string& path);
-// A non-blocking SOCK_SEQPACKET socket bound to `path`, not yet listening;
-// -1 with errno set on failure. A stale socket file is replaced, a live one
-// (somebody accepts connections on it) is not: EADDRINUSE.
+// A non-blocking SOCK_SEQPACKET socket bound to `path` with mode 0600, not
+// yet listening; -1 with errno set on failure. A stale socket file is
+// replaced, a live one (somebody accepts connections on it) is not:
+// EADDRINUSE.
 int BindSeqpacket(const std::string& path);
 
 }  // namespace nos_host

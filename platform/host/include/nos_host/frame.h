@@ -38,7 +38,7 @@ struct FrameHeader {
     FrameKind kind = FrameKind::Request;
     uint32_t messageLength = 0;
     uint32_t arenaLength = 0;
-    uint64_t sentNs = 0;    // sender's CLOCK_MONOTONIC at sending; orders requests
+    uint64_t sentNs = 0;    // sender's CLOCK_MONOTONIC at sending; for the record only, it orders nothing
     uint32_t sequence = 0;  // request number; a reply repeats its request's
 };
 

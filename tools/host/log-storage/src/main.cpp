@@ -26,6 +26,7 @@
 
 #include <fmt/format.h>
 #include <nos/platform.h>
+#include <nos_host/host.h>
 
 #include "record_decoder.h"
 #include "vantor_logger/nvlog_record.h"
@@ -42,6 +43,7 @@ constexpr int kExitUsage = 2;
 // wrong size still arrive and can be reported.
 constexpr std::size_t kMessageBuffer = 4096;
 constexpr std::size_t kArenaBuffer = 64 * 1024;
+constexpr std::size_t kConnectionLimit = 256;
 
 constexpr const char* kUsage = R"(Usage: log-storage [--out FILE] [--raw FILE]
 
@@ -50,10 +52,13 @@ endpoint "nv.NvlogStorage.storage", over the host platform (runtime
 directory: NOS_RUNTIME_DIR). Each record becomes one line: its time (UTC),
 a blank and its text, control characters kept. Each line is written at once.
 
-  --out FILE   append the lines to FILE instead of standard output
-  --raw FILE   also append the 4,120 bytes of each well-formed record to FILE
-  -h, --help   this text
-  --version    the version
+  --out FILE       append the lines to FILE instead of standard output
+  --raw FILE       also append the 4,120 bytes of each well-formed record to FILE
+  --allow-uid UID  also take connections of processes of user id UID (by
+                   default only this process's user may connect); may be
+                   given more than once
+  -h, --help       this text
+  --version        the version
 
 A malformed record is answered with the error flag and reported on standard
 error; serving goes on. SIGTERM or SIGINT stops it. Exit status: 0 stopped
@@ -83,6 +88,10 @@ Options ParseOptions(int argc, char** argv)
             options.out = value();
         else if (arg == "--raw")
             options.raw = value();
+        else if (arg == "--allow-uid") {
+            if (i + 1 >= argc || NosHostAllowUid(argv[++i]) != NK_EOK)
+                throw std::invalid_argument("--allow-uid needs a user id, a decimal number");
+        }
         else
             throw std::invalid_argument("unknown argument '" + std::string(arg) + "'");
     }
@@ -236,6 +245,9 @@ int Run(const Options& options)
     if (options.raw)
         raw.emplace(Output::Open(*options.raw));
 
+    // Every process of the system keeps a connection to the log storage.
+    if (NosHostSetConnectionLimit(nvlog::kEntityName, kConnectionLimit) != NK_EOK)
+        throw std::runtime_error("cannot set the connection limit");
     std::uint32_t riid = 0;
     const Handle channel = ServiceLocatorRegister(nvlog::kEntityName, nullptr, 0, &riid);
     if (channel == INVALID_HANDLE) {

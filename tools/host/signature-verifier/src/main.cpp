@@ -21,6 +21,7 @@
 #include <pthread.h>
 
 #include <nos/platform.h>
+#include <nos_host/host.h>
 #include <signature_verifier/signature_verifier_idl.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
@@ -58,6 +59,9 @@ attributes; they are checked with OpenSSL and its GOST engine.
   --engine PATH      load the GOST engine from this shared object instead of
                      OpenSSL's engine directory
   --log-level LEVEL  trace, debug, info (default), warn, error, critical or off
+  --allow-uid UID    also take connections of processes of user id UID (by
+                     default only this process's user may connect); may be
+                     given more than once
   -h, --help         this text
   --version          the version
 
@@ -92,6 +96,9 @@ Options ParseOptions(int argc, char** argv)
             options.trustChanges = TrustChanges::Allowed;
         } else if (arg == "--engine") {
             options.engine = value();
+        } else if (arg == "--allow-uid") {
+            if (NosHostAllowUid(value().c_str()) != NK_EOK)
+                throw std::invalid_argument("--allow-uid needs a user id, a decimal number");
         } else if (arg == "--log-level") {
             const std::string name = value();
             options.level = spdlog::level::from_str(name);

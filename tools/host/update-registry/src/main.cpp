@@ -52,6 +52,10 @@ NOS_RUNTIME_DIR).
   --state FILE   keep the sessions in FILE (JSON), loaded at start and
                  rewritten atomically on every change; without it they last
                  as long as the process
+  --allow-uid UID
+                 also take connections of processes of user id UID (by
+                 default only this process's user may connect); may be
+                 given more than once
   -h, --help     this text
   --version      the version
 
@@ -77,6 +81,10 @@ Options ParseOptions(int argc, char** argv)
             options.storage = args.Value(arg);
         else if (arg == "--state")
             options.state = args.Value(arg);
+        else if (arg == "--allow-uid") {
+            if (NosHostAllowUid(args.Value(arg).c_str()) != NK_EOK)
+                throw update_registry::UsageError("--allow-uid needs a user id, a decimal number");
+        }
         else
             throw update_registry::UsageError("unknown argument '" + arg + "'");
     }
