@@ -8,7 +8,7 @@
 
 #include "gost_engine.h"
 #include "signature_checker.h"
-#include "test_support.h"
+#include "pki_fixture.h"
 
 namespace {
 

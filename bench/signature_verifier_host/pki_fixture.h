@@ -1,6 +1,6 @@
-// The test PKI of scripts/make-test-pki for the suites that check real
-// signatures end to end: temporary directories, the PKI, signatures made with
-// the openssl command line, and Streebog-256 through libgcrypt.
+// The test PKI of scripts/make-test-pki for the benchmarks that check real
+// signatures: temporary directories, the PKI, signatures made with the
+// openssl command line, and Streebog-256 through libgcrypt.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "test_support.h"
+#include "pki_fixture.h"
 
 #include <atomic>
 #include <cstdlib>
