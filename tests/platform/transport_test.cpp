@@ -99,19 +99,14 @@ Exchanged EchoBack(const Exchanged& request)
 class HostClientTest : public RuntimeDirTest {
 protected:
     struct Connection {
-        Handle handle = ServiceLocatorConnect("echo");
-        NkNosTransport t = Transport(handle);
+        Connection() { EXPECT_EQ(NkNosTransport_Init(&t, handle, nullptr, 0), NK_EOK); }
         Retcode Call(const Echo& request, Echo& reply, nk_arena* arena = nullptr, const nk_arena* sent = nullptr)
         {
             return t.ops->call(&t, &request.header, sent, &reply.header, arena);
         }
-    };
-    static NkNosTransport Transport(Handle handle)
-    {
+        Handle handle = ServiceLocatorConnect("echo");
         NkNosTransport t{};
-        EXPECT_EQ(NkNosTransport_Init(&t, handle, nullptr, 0), NK_EOK);
-        return t;
-    }
+    };
 };
 
 TEST_F(HostClientTest, Call_CarriesMessageArenaAndErrorBitAcrossPacketSizes)
@@ -328,29 +323,16 @@ protected:
 TEST_F(HostServerTest, Recv_DropsMisbehavingClientsAndServesTheNext)
 {
     const Bytes echo = BytesOf(MakeEcho(0));
-    const auto patched = [&](size_t at, uint8_t value) {
-        Bytes packet = Frame(FrameKind::Request, echo);
-        packet[at] = value;
-        return packet;
-    };
     const auto firstPacket = [&](uint32_t arena) {  // of a frame longer than one packet
         Bytes packet = Frame(FrameKind::Request, echo, 1, 1, arena);
         packet.resize(kPacketMax);
         return packet;
     };
-    Bytes shortByOne = Frame(FrameKind::Request, echo);
-    shortByOne.pop_back();
     const struct {
         const char* name;
         Bytes packet;
         const char* reason;
     } cases[] = {
-        {"bad magic", patched(0, 0x4F), "malformed frame"},
-        {"bad version", patched(4, 9), "malformed frame"},
-        {"bad kind", patched(5, 77), "malformed frame"},
-        {"message under 24 bytes", Frame(FrameKind::Request, Bytes(20)), "malformed frame"},
-        {"arena over the limit", firstPacket(kArenaMax + 1), "malformed frame"},
-        {"packet shorter than its header says", shortByOne, "malformed frame"},
         {"bytes that are no frame", {'h', 'e', 'l', 'l', 'o'}, "malformed frame"},
         {"reply instead of request", Frame(FrameKind::Reply, echo), "frame of a kind other than request"},
         {"more arena than offered", firstPacket(70001), "request larger than the buffers offered"},
@@ -389,7 +371,6 @@ TEST_F(HostServerTest, Recv_ServesInOrderOfArrivalWhateverTheClientsStampOrSendA
     honest.Request(2);  // before the reply to 11, after which 12 counts
     EXPECT_EQ(Serve(), 11u);
     EXPECT_EQ(Serve(), 2u);
-    EXPECT_EQ(Reply(MakeEcho(0)), NK_EINVAL);  // nothing received since
 }
 
 TEST_F(HostServerTest, Recv_AHalfSentFrameHoldsNobodyUpAndIsDroppedTenSecondsAfterItsFirstPacket)
@@ -469,38 +450,16 @@ TEST_F(HostServerTest, Recv_TakesAClientsNextRequestOnlyOnceItsLastIsAnswered)
     EXPECT_EQ(header.sequence, 1u);
 }
 
-TEST_F(HostServerTest, Recv_TwoThreadsOnOneChannelAnswerEveryClient)
+TEST_F(HostServerTest, Reply_ToAClientGoneSinceItsRequestIsEagain)
 {
-    constexpr uint32_t kClients = 6;
-    std::atomic<uint32_t> served{0};
-    std::atomic<uint32_t> failures{0};
-    NkNosTransport second{};
-    ASSERT_EQ(NkNosTransportSync_Init(&second, channel, INVALID_HANDLE, INVALID_HANDLE), NK_EOK);
-    const auto serve = [&](NkNosTransport own) {
-        for (;;) {
-            Echo request = MakeEcho(0);
-            const Retcode rc = own.ops->recv(&own, &request.header, nullptr);
-            if (rc == NK_EBADF)
-                return;  // the channel was closed: the test is over
-            (rc == NK_EOK && own.ops->reply(&own, &request.header, nullptr) == NK_EOK ? served : failures)++;
-        }
-    };
-    std::thread a(serve, t), b(serve, second);
-    std::vector<std::future<uint32_t>> clients;
-    for (uint32_t i = 0; i < kClients; ++i) {
-        clients.push_back(std::async(std::launch::async, [this, i] {
-            RawClient client(runtime);
-            client.Request(100 + i);
-            return client.ReplyTag();
-        }));
+    Echo request{};
+    {
+        RawClient client(runtime);
+        client.Request(1);
+        ASSERT_EQ(Receive(request), NK_EOK);
     }
-    for (uint32_t i = 0; i < kClients; ++i)
-        EXPECT_EQ(clients[i].get(), 100 + i);
-    EXPECT_EQ(ServiceLocatorUnregister(channel), NK_EOK);
-    a.join();
-    b.join();
-    EXPECT_EQ(served.load(), kClients);
-    EXPECT_EQ(failures.load(), 0u);
+    EXPECT_EQ(Reply(request), NK_EAGAIN);
+    EXPECT_EQ(Reply(request), NK_EINVAL);  // nothing received since
 }
 
 TEST_F(HostServerTest, RecvAndReply_RefuseBadArguments)
