@@ -229,35 +229,11 @@ protected:
     }
 };
 
-// The standard's examples (digests printed there most significant byte
-// first), whole and byte by byte; then every length to 1100 bytes and 2 MiB in
-// random pieces, both sizes, against libgcrypt.
-TEST_P(GostPathTest, Digest_StandardExamplesAndLibgcrypt)
+// Every length to 1100 bytes, and 2 MiB in random pieces (of 0 to 149 bytes,
+// or up to 300,000), both sizes, against libgcrypt's Streebog.
+TEST_P(GostPathTest, Digest_MatchesLibgcrypt)
 {
     ASSERT_STREQ(GostHash_Implementation(), PathAt(GetParam()).name);
-    const std::string m1 = "012345678901234567890123456789012345678901234567890123456789012";
-    const Bytes m2 = FromHex("d1e520e2e5f2f0e82c20d1f2f0e8e1eee6e820e2edf3f6e82c20e2e5fef2fa20f120eceef0ff20f1f2f0e5eb"
-                             "e0ece820ede020f5f0e0e1f0fbff20efebfaeafb20c8e3eef0e5e2fb");
-    const struct {
-        Bytes message;
-        int algorithm;
-        std::string printed;
-    } examples[] = {
-        {Bytes(m1.begin(), m1.end()), 2,
-         "486f64c1917879417fef082b3381a4e211c324f074654c38823a7b76f830ad00fa1fbae42b1285c0352f227524bc9ab16254288dd6"
-         "863dccd5b9f54a1ad0541b"},
-        {Bytes(m1.begin(), m1.end()), 1, "00557be5e584fd52a449b16b0251d05d27f94ab76cbaa6da890b59d8ef1e159d"},
-        {m2, 2,
-         "28fbc9bada033b1460642bdcddb90c3fb3e56c497ccd0f62b8a2ad4935e85f037613966de4ee00531ae60f3b5a47f8dae06915d5f2"
-         "f194996fcabf2622e6881e"},
-        {m2, 1, "508f7e553c06501d749a66fc28c6cac0b005746d97537fa85d9e40904efed29d"},
-    };
-    for (const auto& e : examples) {
-        const Bytes printed = FromHex(e.printed);
-        const std::string digest = Hex(Bytes(printed.rbegin(), printed.rend()));
-        EXPECT_EQ(Hash(New(e.algorithm), e.message).first, digest);
-        EXPECT_EQ(Hash(New(e.algorithm), e.message, Pieces(e.message.size(), 1)).first, digest);
-    }
     const Bytes data = Random(2 * 1024 * 1024 + 45, 21);
     for (const int algorithm : {1, 2}) {
         for (std::size_t n = 0; n <= 1100; ++n) {

@@ -2,7 +2,6 @@
 // entity's answer to what it refuses) and the stub, byte for byte.
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -11,22 +10,23 @@
 #include "eka/exception.h"
 #include "refused_request.h"
 #include "support/log_capture.h"
+#include "support/scripted_transport.h"
 #include "verifier_api/stub.h"
 #include "verifier_api/stub_factory.h"
 
 namespace verifier_test {
 namespace {
 
-using Bytes32 = std::array<std::uint8_t, 32>;
+using test_support::Bytes;
+using test_support::BytesOf;
 constexpr std::uint8_t kNoise = 0xCC;  // what a reply buffer holds before the call
 constexpr std::uint32_t kNoise32 = 0xCCCCCCCC;
 
 // A reply laid out by hand: the indexes, the size word and the result, every
 // other byte `fill`.
-Bytes32 Reply(std::uint16_t riid, std::uint16_t mid, std::uint32_t size, std::uint32_t result, std::uint8_t fill = 0)
+Bytes Reply(std::uint16_t riid, std::uint16_t mid, std::uint32_t size, std::uint32_t result, std::uint8_t fill = 0)
 {
-    Bytes32 b;
-    b.fill(fill);
+    Bytes b(32, fill);
     for (int i = 0; i < 4; ++i) {
         b[i] = static_cast<std::uint8_t>((i < 2 ? riid : mid) >> (i % 2 * 8));
         b[4 + i] = static_cast<std::uint8_t>(size >> (8 * i));
@@ -34,7 +34,7 @@ Bytes32 Reply(std::uint16_t riid, std::uint16_t mid, std::uint32_t size, std::ui
     }
     return b;
 }
-const Bytes32 kUntouched = Reply(0xCCCC, 0xCCCC, kNoise32, kNoise32, kNoise);
+const Bytes kUntouched = Reply(0xCCCC, 0xCCCC, kNoise32, kNoise32, kNoise);
 
 // A request whose other header bytes are noise, so that reading them shows.
 nv_Verifier_component_req Request(std::uint16_t riid, std::uint16_t mid, std::uint32_t handleWord)
@@ -45,14 +45,6 @@ nv_Verifier_component_req Request(std::uint16_t riid, std::uint16_t mid, std::ui
     req.base_.mid = mid;
     req.productVerifier.Verify.handle = handleWord;
     return req;
-}
-
-template <typename T>
-Bytes32 BytesOf(const T& value)
-{
-    Bytes32 bytes;
-    std::memcpy(bytes.data(), &value, bytes.size());
-    return bytes;
 }
 
 struct Recording final : update::verifier::ipc::IVerifier {
@@ -84,7 +76,7 @@ TEST(VerifierInterfaceTest, Dispatch_Table)
         std::uint32_t handleWord;
         int result;  // of the verifier
         int rc;
-        Bytes32 reply;
+        Bytes reply;
         int called;  // the verifier called (0 product, 1 applist), -1 none
         std::uint32_t handle;
         std::uint32_t refused;  // the entity's code for a request the dispatcher refuses
@@ -157,14 +149,10 @@ TEST(VerifierInterfaceTest, VerifyStub_Table)
         nv_IVerifier_Verify_res* reply = row.withReply ? &res : nullptr;
         EXPECT_EQ(update::verifier::ipc::VerifyStub(row.self, row.req, nullptr, reply, nullptr), 0);
         EXPECT_EQ(BytesOf(res), Reply(0xCCCC, 0xCCCC, row.size, row.result, kNoise));
-        std::vector<std::string> lines;
+        std::string lines, during = ": 0x80000046 (Invalid argument) ; detailed: exception during: VerifyStub\n";
         for (const auto& logged : log.Lines())
-            lines.push_back(logged.text);
-        std::vector<std::string> expected;
-        if (!row.description.empty())
-            expected.push_back(": " + row.description +
-                               ": 0x80000046 (Invalid argument) ; detailed: exception during: VerifyStub");
-        EXPECT_EQ(lines, expected);
+            lines += logged.text + "\n";
+        EXPECT_EQ(lines, row.description.empty() ? "" : ": " + row.description + during);
     }
 }
 

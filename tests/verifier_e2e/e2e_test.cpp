@@ -1,8 +1,6 @@
 // The four real processes (log storage, update registry, signature verifier,
 // verifier) with a package signed by a test PKI (make-package): each path of
 // a Verify once, with the exact lines that reach the log storage.
-#include <signal.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -53,13 +51,8 @@ TEST_F(VerifierE2eTest, Verify_EachPathOnce)
     Process verifier({program::kVerifier});
     ASSERT_TRUE(verifier.WaitServing("verifier")) << verifier.Log();
 
-    // Up before its IPC thread starts, which logs it.
-    const std::vector<std::string> started = NewLines(3);
-    ASSERT_EQ(started.size(), 3u);
-    EXPECT_EQ(started[0], "[verifier][info][proxy_base] update_registry UpdateRegistry.UpdateRegistry");
-    EXPECT_EQ(started[1], "[verifier][info][main:48] Entity started [\x1b[92mOK\x1b[0m]");
-    EXPECT_TRUE(started[2].starts_with(
-        "[verifier][info][shared_log_function_for_entity] NkNosTransport initialized with handle "));
+    // The start-up lines are the entity test's; here they only come first.
+    ASSERT_EQ(NewLines(3).size(), 3u);
 
     // A session of each kind (0 product, 1 applist), holding the signed files.
     const auto sessions = update::registry::ipc::CreateProxy("update_registry", "UpdateRegistry.UpdateRegistry");
@@ -99,12 +92,6 @@ TEST_F(VerifierE2eTest, Verify_EachPathOnce)
          0xFFFF4000,
          {failed + "Expression failedFailed to verify update file " + archive + " with signature file " +
           folders[kProduct] + "/update_vantor3.sign: 0xffff4000 (Unknown result code)" + during}},
-        {"list missing", kApplist, [&] { fs::remove(list); }, 0x80000046,
-         {failed + "AppList file doesn't exist " + list + ": 0x80000046 (Invalid argument)" + during}},
-        {"registry dead", kApplist, [&] { registry.Signal(SIGKILL); (void)registry.Wait(); }, 0x80000151,
-         {failed + "transport fail: -32 ; detailed: exception during: GetInfo",
-          failed + "Expression failedfailed get info from session registry: 0x80000151 (Exception has no result "
-                   "code)" + during}},
     };
     for (const Path& path : paths) {
         SCOPED_TRACE(path.name);

@@ -1,6 +1,6 @@
 // The verifier process against fake peers in this process: how it stops,
-// and what it survives, peers and clients that leave in the middle of a
-// request, and many requests.
+// what it survives (a peer that leaves in the middle of a request, many
+// requests), and verifier-cli.
 #include <signal.h>
 
 #include <csignal>
@@ -30,9 +30,6 @@ protected:
     {
         for (const char* name : {"appcollectioninfo.nos.vantor.json", "appcollectioninfo.nos.vantor.json.sign"})
             std::ofstream(runtime.Path() / name) << "content";
-        std::map<unsigned int, update::registry::ipc::SessionInfo> sessions;
-        sessions[7].path = runtime.Path();
-        registry = std::make_unique<FakeRegistry>(sessions);
     }
 
     std::unique_ptr<Process> StartVerifier()
@@ -43,7 +40,7 @@ protected:
     }
 
     FakeLogStorage storage;
-    std::unique_ptr<FakeRegistry> registry;
+    FakeRegistry registry{{{7, {.path = runtime.Path()}}}};
 };
 
 TEST_F(VerifierProcessTest, Main_StopSignalsEndServingWithStatusZero)
@@ -69,39 +66,19 @@ TEST_F(VerifierProcessTest, Main_StopSignalsEndServingWithStatusZero)
     }
 }
 
-TEST_F(VerifierProcessTest, Main_ClientThatLeavesBeforeItsReplyDoesNotEndServing)
+// A signature verifier that dies mid-request fails that check with the
+// signature client's status for a broken connection (-32); each check
+// connects anew, and many of them leave no descriptor open.
+TEST_F(VerifierProcessTest, Verify_CheckerDiesMidRequestThenManyChecks)
 {
     const auto verifier = StartVerifier();
-    registry->SetMode(FakeMode::Never);
-    Process client({program::kVerifierCli, "verify", "applist", "7"});
-    ASSERT_TRUE(registry->WaitRequests(1));
-    client.Signal(SIGKILL);
-    ASSERT_TRUE(client.Wait().has_value());
-    // The look-up fails at once; its reply finds the client gone.
-    registry.reset();
-    EXPECT_EQ(Verify(kApplist, 0xFFFFFF), 0x80000046u);
-    EXPECT_FALSE(verifier->Wait(0ms).has_value());
-}
-
-TEST_F(VerifierProcessTest, Verify_SignatureVerifierThatDiesMidRequest)
-{
-    const auto verifier = StartVerifier();
-    auto checker = std::make_unique<FakeSignatureVerifier>();
-    checker->SetMode(FakeMode::Never);
+    auto dying = std::make_unique<FakeSignatureVerifier>();
+    dying->SetMode(FakeMode::Never);
     auto answer = std::async(std::launch::async, [] { return Verify(kApplist, 7); });
-    ASSERT_TRUE(checker->WaitRequests(1));
-    checker.reset();
-    // The signature client's status for a connection that broke: -32.
+    ASSERT_TRUE(dying->WaitRequests(1));
+    dying.reset();
     EXPECT_EQ(answer.get(), 0xFFFFFFE0u);
-    // Each check connects anew.
-    FakeSignatureVerifier another;
-    EXPECT_EQ(Verify(kApplist, 7), 0u);
-}
-
-TEST_F(VerifierProcessTest, Verify_ManyChecksLeaveNoDescriptorOpen)
-{
     FakeSignatureVerifier checker;
-    const auto verifier = StartVerifier();
     const auto descriptors = [&verifier] {
         const auto entries = fs::directory_iterator("/proc/" + std::to_string(verifier->Pid()) + "/fd");
         return std::distance(fs::begin(entries), fs::end(entries));
