@@ -1,4 +1,4 @@
-// A private runtime directory of the host platform, per test or per suite.
+// A private runtime directory of the host platform.
 //
 // While a RuntimeDir lives, NOS_RUNTIME_DIR names a fresh directory under
 // $TMPDIR (or /tmp), for this process and every child it starts, and
@@ -7,14 +7,12 @@
 // and the directory is removed with its content on destruction. Make it
 // before the first platform call that should use it.
 //
-//   class MyTest : public test_support::RuntimeDirTest {};          // per test: `runtime`
-//   class MySuite : public test_support::SuiteRuntimeDir<> {};       // per suite: Runtime()
+//   class MyTest : public test_support::RuntimeDirTest {};  // `runtime` per test
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -41,17 +39,6 @@ private:
 class RuntimeDirTest : public ::testing::Test {
 protected:
     RuntimeDir runtime;
-};
-
-template <typename Base = ::testing::Test>
-class SuiteRuntimeDir : public Base {
-protected:
-    static void SetUpTestSuite() { s_runtime = std::make_unique<RuntimeDir>(); }
-    static void TearDownTestSuite() { s_runtime.reset(); }
-    static const RuntimeDir& Runtime() { return *s_runtime; }
-
-private:
-    static inline std::unique_ptr<RuntimeDir> s_runtime;
 };
 
 }  // namespace test_support
