@@ -23,7 +23,7 @@ inline constexpr std::array<MethodTraits, kMethodCount> kMethods{{
     {"Close", true, false},
     {"GetSessions", false, false},
     {"GetHandle", false, true},
-    {"SetState", false, false},
+    {"SetState", true, false},
     {"GetInfo", true, false},
 }};
 

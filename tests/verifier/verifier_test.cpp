@@ -1,28 +1,93 @@
-// Where a session's package lies, and the two verifiers through their Verify
-// on fake peers: each row is one outcome with the code returned, the calls
-// made to the peers and the one line logged.
+// The Verifier entity in this process: where a session's package lies; the
+// two verifiers through their Verify on fake peers, each row one outcome
+// with the code returned, the calls made to the peers and the one line
+// logged; and the entity's body on a scripted transport, with the start-ups
+// that fail.
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <gtest/gtest.h>
+#include <signature_verifier/update_verifier.h>
 
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <vector>
 
-#include "fake_peers.h"
+#include "entity.h"
 #include "support/log_capture.h"
 #include "support/runtime_dir.h"
+#include "support/scripted_transport.h"
 #include "update/common.h"
+#include "update/registry/ipc/proxy.h"
+#include "update/registry/ipc/registry.h"
 #include "update/verifier/applist_verifier.h"
 #include "update/verifier/product_verifier.h"
+#include "verifier_api/messages.h"
 
 namespace verifier_test {
 namespace {
 
-using test_support::LogLine;
+using namespace test_support;
+
+// The verifiers' two peers in one in-process fake: a registry whose GetInfo
+// answers `session` with `getInfo`, and a signature checker whose calls
+// answer `verify`, `getHash` and `verifyHash`. Every call is recorded as a
+// line of text; kThrows in an answer makes that call throw instead.
+namespace reg = update::registry::ipc;
+namespace fs = std::filesystem;
+
+inline constexpr std::int32_t kThrows = 0x7EEEEEEE;
+
+class FakePeers final : public reg::IRegistry, public signature_verifier::wrapper::ISignatureVerifier {
+public:
+    reg::SessionInfo session;
+    int getInfo = 0, verify = 0, getHash = 0, verifyHash = 0;  // a hash that GetHash gives is a5 01 ff
+    mutable std::vector<std::string> calls;
+
+    int GetInfo(unsigned int handle, reg::SessionInfo& info) const override
+    {
+        calls.push_back("GetInfo " + std::to_string(handle));
+        info = session;
+        return Answer(getInfo);
+    }
+    std::int32_t Verify(const fs::path& data, const fs::path& signature) override
+    {
+        calls.push_back("Verify " + data.string() + " " + signature.string());
+        return Answer(verify);
+    }
+    std::int32_t GetHash(const fs::path& file, std::vector<std::uint8_t>& hash) override
+    {
+        calls.push_back("GetHash " + file.string() + " " + std::to_string(hash.size()));
+        if (getHash >= 0)
+            hash = {0xA5, 0x01, 0xFF};
+        return Answer(getHash);
+    }
+    std::int32_t VerifyHash(const std::vector<std::uint8_t>& hash, const fs::path& signature) override
+    {
+        calls.push_back(fmt::format("VerifyHash {:02x} {}", fmt::join(hash, ""), signature.string()));
+        return Answer(verifyHash);
+    }
+
+    // Not called by the verifiers.
+    int Open(reg::PackageType, unsigned int&) override { return Answer(kThrows); }
+    int Close(unsigned int) override { return Answer(kThrows); }
+    int GetSessions(std::vector<reg::SessionInfo>&) const override { return Answer(kThrows); }
+    int GetHandle(const eka::guid_t&, unsigned int&) const override { return Answer(kThrows); }
+    int SetState(unsigned int, reg::UpdateState) override { return Answer(kThrows); }
+
+private:
+    static std::int32_t Answer(std::int32_t answer)
+    {
+        if (answer == kThrows)
+            throw std::runtime_error("peer broke");
+        return answer;
+    }
+};
 
 TEST(PackageLayoutTest, GetPackagePath_FilesOfOnePackage)
 {
@@ -179,6 +244,90 @@ TEST_F(VerifiersTest, Verify_OutcomeTable)
             lines[0].where.clear();  // ManageException's own location
         const int level = row.where.empty() ? test_support::kError : test_support::kInfo;
         EXPECT_EQ(lines, std::vector<LogLine>{LogLine(row.line, level, row.where)});
+    }
+}
+
+const LogLine kStarted{"Entity started [\x1b[92mOK\x1b[0m]", kInfo, "entities/updater_pdk/verifier/src/main:48"};
+const LogLine kFailed{"Entity started [\x1b[91mFAILED\x1b[0m]", kError, "entities/updater_pdk/verifier/src/main:57"};
+
+Bytes Verify(std::uint16_t riid, std::uint32_t handle)
+{
+    nv_IVerifier_Verify_req request{};
+    request.base_.riid = riid;
+    nk_msg_set_size(&request.base_, sizeof request);
+    request.handle = handle;
+    return BytesOf(request);
+}
+
+class VerifierEntityTest : public RuntimeDirTest {
+protected:
+    // The lines logged, with the location of those from other files left out.
+    std::vector<LogLine> Lines() const
+    {
+        std::vector<LogLine> lines = log.Lines();
+        for (LogLine& line : lines)
+            if (!line.where.starts_with("entities/"))
+                line.where.clear();
+        return lines;
+    }
+
+    LogCapture log;
+    RootLoggerCapture capture{log};
+    std::shared_ptr<FakePeers> peers = std::make_shared<FakePeers>();
+};
+
+TEST_F(VerifierEntityTest, Run_ServesEndpointsInOrderAndGoesOnAfterEagain)
+{
+    // A session whose folder is empty: each verifier names the file it
+    // looked for first.
+    peers->session.path = runtime.Path();
+    const std::string dir = runtime.Path().string();
+    ScriptedTransport transport({Deliver(Verify(0, 7)), Fail(NK_EAGAIN), Deliver(Verify(1, 7), NK_EAGAIN),
+                                 Deliver(Verify(2, 7))});
+    const auto fake = [this] { return peers; };
+    EXPECT_EQ(update::verifier::entity::Run({fake, fake, ScriptedTransport::Ops()}), 0);
+
+    std::vector<std::uint32_t> results;
+    for (const auto& reply : transport.replies)
+        results.push_back(reinterpret_cast<const nv_IVerifier_Verify_res*>(reply.message.data())->result);
+    EXPECT_EQ(results, (std::vector<std::uint32_t>{0x80000046, 0x80000046, 0x80000001}));
+    const std::string handle = std::to_string(transport.channel);
+    const std::string tail = ": 0x80000046 (Invalid argument) ; detailed: exception during: Verify";
+    EXPECT_EQ(Lines(), (std::vector<LogLine>{
+                           kStarted,
+                           {"NkNosTransport initialized with handle " + handle, kInfo},
+                           {": update archive file doesn't exist " + dir + "/update_vantor3.tar.gz" + tail, kError},
+                           {": AppList file doesn't exist " + dir + "/appcollectioninfo.nos.vantor.json" + tail,
+                            kError},
+                           {"IpcThread with handle=" + handle + " stopped with error code -5", kError}}));
+}
+
+TEST_F(VerifierEntityTest, Run_StartFailuresTable)
+{
+    using Peers = update::verifier::entity::Peers;
+    const auto fake = [this] { return peers; };
+    struct Row {
+        const char* name;
+        decltype(Peers::makeRegistry) makeRegistry;
+        decltype(Peers::makeChecker) makeChecker;
+        std::vector<LogLine> lines;
+    };
+    const Row rows[] = {
+        {"nobody serves the registry",
+         [] { return reg::CreateProxy("update_registry", "UpdateRegistry.UpdateRegistry"); }, fake,
+         {{"update_registry UpdateRegistry.UpdateRegistry", kInfo},
+          {": invalid handle: 0x80000071 (Invalid result) ; detailed: exception during: main", kError},
+          kFailed}},
+        {"no registry client, no checker: the registry first", [] { return nullptr; }, [] { return nullptr; },
+         {{": empty registry: 0x80000046 (Invalid argument) ; detailed: exception during: main", kError}, kFailed}},
+        {"no checker", fake, [] { return nullptr; },
+         {{": empty verifier: 0x80000046 (Invalid argument) ; detailed: exception during: main", kError}, kFailed}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        log.Clear();
+        EXPECT_EQ(update::verifier::entity::Run({row.makeRegistry, row.makeChecker}), 1);
+        EXPECT_EQ(Lines(), row.lines);
     }
 }
 
