@@ -1,8 +1,8 @@
 // The host registry's state file: what a start accepts, what it cleans up,
 // and that a change is durable once answered.
-
 #include <dlfcn.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -77,13 +77,18 @@ protected:
 TEST_F(StateFileTest, Constructor_GoodFile_LoadedAndStaleTemporaryFilesRemoved)
 {
     Write(good.dump());
-    for (const char* name : {".registry.json.tmp.1", ".registry.json.tmp.99999", ".other.json.tmp.1"})
+    // Those of this pid (an earlier process's) or of no pid go; those of a
+    // process that runs, or of another file, stay.
+    const std::string temporary = ".registry.json.tmp.";
+    const std::pair<std::string, bool> files[] = {{temporary + std::to_string(::getpid()), false},
+                                                  {temporary + "x", false},
+                                                  {temporary + std::to_string(::getppid()), true},
+                                                  {".other.json.tmp.1", true}};
+    for (const auto& [name, kept] : files)
         std::ofstream(dir / name) << "{";
-
     HostRegistry registry(storage, state);
-    EXPECT_FALSE(fs::exists(dir / ".registry.json.tmp.1"));
-    EXPECT_FALSE(fs::exists(dir / ".registry.json.tmp.99999"));
-    EXPECT_TRUE(fs::exists(dir / ".other.json.tmp.1"));
+    for (const auto& [name, kept] : files)
+        EXPECT_EQ(fs::exists(dir / name), kept) << name;
     SessionInfo info;
     ASSERT_EQ(registry.GetInfo(1, info), 0);
     EXPECT_EQ(info, (SessionInfo{PackageType::AppList, UpdateState::Verified, *GuidFromText(kId1), storage / kId1}));

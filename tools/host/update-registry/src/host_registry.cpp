@@ -1,10 +1,12 @@
 #include "host_registry.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <fstream>
 #include <initializer_list>
 #include <iterator>
@@ -55,6 +57,20 @@ int SyncDirectory(const std::filesystem::path& directory)
     if (::close(fd) != 0 && error == 0)
         error = errno;
     return error;
+}
+
+// Whether the temporary file whose name ends in `suffix` may be in use: its
+// suffix names a process that still runs, other than this one (a file of this
+// pid was left by an earlier process that had it). A second registry started
+// on the same state file must not pull a file from under the first one's
+// write.
+bool WriterMayBeAlive(std::string_view suffix)
+{
+    pid_t pid = 0;
+    const auto [end, error] = std::from_chars(suffix.data(), suffix.data() + suffix.size(), pid);
+    if (error != std::errc{} || end != suffix.data() + suffix.size() || pid <= 0 || pid == ::getpid())
+        return false;
+    return ::kill(pid, 0) == 0 || errno == EPERM;
 }
 
 // Writes all of `bytes` to a new file beside `target`, renames it over
@@ -188,7 +204,8 @@ void HostRegistry::RemoveStaleTemporaryFiles() const
 {
     const std::string prefix = TemporaryPrefix(*m_stateFile);
     for (const auto& entry : std::filesystem::directory_iterator(m_stateFile->parent_path())) {
-        if (!entry.path().filename().string().starts_with(prefix))
+        const std::string name = entry.path().filename().string();
+        if (!name.starts_with(prefix) || WriterMayBeAlive(std::string_view(name).substr(prefix.size())))
             continue;
         std::error_code error;
         std::filesystem::remove(entry.path(), error);
