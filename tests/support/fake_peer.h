@@ -9,11 +9,6 @@
 //   Never    no answer, until the fake is destroyed.
 // Make a fake inside a RuntimeDir and destroy it first. A request larger
 // than 64 KiB of message or 8 MiB of arena is refused by the platform.
-//
-//   test_support::FakeSignatureVerifier checker(NV_SIGNATURE_VERIFIER_CC_REVOKED);
-//   checker.SetMode(test_support::FakeMode::Never);
-//   ...
-//   ASSERT_TRUE(checker.WaitRequests(1));
 #pragma once
 
 #include <nos/types.h>

@@ -8,11 +8,6 @@
 //   RootLoggerCapture   the records of the root logger (the entity logger),
 //                       with their level and source location.
 // Thread-safe.
-//
-//   test_support::LogCapture log;
-//   context.logger = log.ServerLogger();
-//   ASSERT_TRUE(log.WaitFor("IPC server has stopped"));
-//   EXPECT_EQ(log.Lines().back(), (test_support::LogLine{"IPC server has stopped", test_support::kInfo}));
 #pragma once
 
 #include <chrono>

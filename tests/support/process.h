@@ -1,10 +1,4 @@
 // A program run as a child process of a test, with every wait bounded.
-//
-//   test_support::Process registry({test_support::program::kUpdateRegistry, "--storage", dir});
-//   ASSERT_TRUE(registry.WaitServing("update_registry")) << registry.Log();
-//   ...
-//   EXPECT_EQ(registry.Stop(), 0);
-//
 // The child gets this process's environment (NOS_RUNTIME_DIR included) with
 // `env` ("NAME=value") on top; its standard output is a pipe to the test
 // (ReadLine), its standard error goes to a file (Log), its input is empty.

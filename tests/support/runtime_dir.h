@@ -6,8 +6,6 @@
 // peer fails a call instead of hanging the test. Both variables are restored
 // and the directory is removed with its content on destruction. Make it
 // before the first platform call that should use it.
-//
-//   class MyTest : public test_support::RuntimeDirTest {};  // `runtime` per test
 #pragma once
 
 #include <gtest/gtest.h>

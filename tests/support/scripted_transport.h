@@ -4,12 +4,6 @@
 // the script is used up, receive returns kEndOfScript. Give Ops() to the
 // server's constructor; read the records once its threads are joined. One
 // scripted transport at a time per process.
-//
-//   test_support::ScriptedTransport transport({Deliver(BytesOf(request)), Fail(NK_EPIPE)});
-//   Server server(&entity, Dispatch, context, transport.Ops());
-//   server.StartThreads();
-//   server.JoinThreads();
-//   EXPECT_EQ(transport.replies.size(), 1u);
 #pragma once
 
 #include <nos/transport.h>
