@@ -40,29 +40,23 @@ bool MayConnect(uid_t uid)
 
 }  // namespace
 
-void AllowUid(uid_t uid)
-{
-    Settings& settings = TheSettings();
-    std::lock_guard lock(settings.mutex);
-    settings.allowedUids.insert(uid);
-}
-
 bool AllowUidText(std::string_view text)
 {
     uint32_t uid = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), uid);
     if (text.empty() || error != std::errc{} || end != text.data() + text.size() || uid == UINT32_MAX)
         return false;
-    AllowUid(static_cast<uid_t>(uid));
+    Settings& settings = TheSettings();
+    std::lock_guard lock(settings.mutex);
+    settings.allowedUids.insert(static_cast<uid_t>(uid));
     return true;
 }
 
-Retcode SetConnectionLimit(const std::string& channel, size_t limit)
+void SetConnectionLimit(const std::string& channel, size_t limit)
 {
     Settings& settings = TheSettings();
     std::lock_guard lock(settings.mutex);
     settings.limits[channel] = limit;
-    return NK_EOK;
 }
 
 size_t ConnectionLimitOf(const std::string& channel)

@@ -47,13 +47,12 @@ private:
     std::optional<Clock::time_point> last_;
 };
 
-// Lets processes of `uid` connect, besides those of this process's own
-// effective uid.
-void AllowUid(uid_t uid);
-// Parses a decimal uid (0 to 4294967294) and allows it; false for other text.
+// Parses a decimal uid (0 to 4294967294) and lets processes of that uid
+// connect, besides those of this process's own effective uid; false for
+// other text.
 bool AllowUidText(std::string_view text);
 
-Retcode SetConnectionLimit(const std::string& channel, size_t limit);
+void SetConnectionLimit(const std::string& channel, size_t limit);
 size_t ConnectionLimitOf(const std::string& channel);
 
 // Whether `fd`, the newest descriptor the process was given, lies within

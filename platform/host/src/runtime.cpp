@@ -176,13 +176,18 @@ std::optional<std::chrono::milliseconds> CallTimeoutFor(const std::string& chann
     return fromEnvironment ? std::min(*fromEnvironment, kLogStorageCallLimit) : kLogStorageCallLimit;
 }
 
+uint64_t NsOf(const timespec& ts)
+{
+    return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
+}
+
 namespace {
 
 uint64_t ClockNs(clockid_t clock)
 {
     timespec ts {};
     ::clock_gettime(clock, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
+    return NsOf(ts);
 }
 
 }  // namespace

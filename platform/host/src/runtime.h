@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -48,6 +49,8 @@ std::optional<std::chrono::milliseconds> CallTimeoutFromEnvironment();
 std::optional<std::chrono::milliseconds> CallTimeoutFor(const std::string& channel);
 inline constexpr std::chrono::milliseconds kLogStorageCallLimit{2000};
 
+// A time as nanoseconds.
+uint64_t NsOf(const timespec& ts);
 uint64_t MonotonicNs();
 // CLOCK_REALTIME, the clock of the kernel's arrival stamps.
 uint64_t RealtimeNs();

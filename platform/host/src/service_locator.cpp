@@ -123,7 +123,8 @@ extern "C" Retcode NosHostSetConnectionLimit(const char* channel, size_t limit)
 {
     if (channel == nullptr || !IsValidName(channel) || limit == 0)
         return NK_EINVAL;
-    return SetConnectionLimit(channel, limit);
+    SetConnectionLimit(channel, limit);
+    return NK_EOK;
 }
 
 extern "C" Retcode NosHostAllowUid(const char* uid)

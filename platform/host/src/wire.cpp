@@ -206,14 +206,15 @@ IoResult ReceiveStamped(int fd, std::span<uint8_t> into, size_t& length, uint64_
             return errno == ECONNRESET || errno == ENOTCONN ? IoResult::Closed : IoResult::Failed;
         }
         length = static_cast<size_t>(n);
-        stampNs = RealtimeNs();
         for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
             if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_TIMESTAMPNS) {
                 timespec ts {};
                 std::memcpy(&ts, CMSG_DATA(c), sizeof ts);
-                stampNs = static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
+                stampNs = NsOf(ts);
+                return IoResult::Ok;
             }
         }
+        stampNs = RealtimeNs();
         return IoResult::Ok;
     }
 }
